@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 
 #include "error.h"
@@ -92,6 +93,9 @@ SceneMesh makeGround(float size, int cells) {
 }
 
 SceneMesh loadObj(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    throw UserError("mesh file '" + path + "' is a directory");
   if (!std::ifstream(path, std::ios::binary))
     throw UserError("cannot open mesh file '" + path + "'");
   tinyobj::ObjReaderConfig config;

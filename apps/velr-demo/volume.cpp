@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -158,6 +159,9 @@ Volume makePhantom(int n) {
 }
 
 Volume readNifti(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    throw UserError("volume file '" + path + "' is a directory");
   std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) throw UserError("cannot open volume file '" + path + "'");
   const std::streamoff fileSize = in.tellg();

@@ -50,6 +50,7 @@ TEST(DemoObj, ExplainsFilesItCannotUse) {
             std::string::npos);
   const std::string points = dir.write("points.obj", "v 0 0 0\nv 1 0 0\n");
   EXPECT_NE(errorOf([&] { loadObj(points); }).find("no triangles"), std::string::npos);
+  EXPECT_NE(errorOf([&] { loadObj(dir.file("")); }).find("is a directory"), std::string::npos);
   const std::string dangling = dir.write("dangling.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 9\n");
   EXPECT_FALSE(errorOf([&] { loadObj(dangling); }).empty());
 }
@@ -140,6 +141,7 @@ TEST(DemoNifti, ExplainsFilesItCannotUse) {
     return errorOf([&] { readNifti(path); });
   };
   EXPECT_NE(errorOf([&] { readNifti(dir.file("absent.nii")); }).find("cannot open"), std::string::npos);
+  EXPECT_NE(errorOf([&] { readNifti(dir.file("")); }).find("is a directory"), std::string::npos);
   EXPECT_NE(err("short.nii", "abc").find("too short"), std::string::npos);
   EXPECT_NE(err("gz.nii.gz", std::string("\x1f\x8b\x08\x00", 4) + good).find("compressed"),
             std::string::npos);
