@@ -37,14 +37,49 @@ HWY_INLINE int32_t WrapMul(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
 }
 
-// Gather offsets for the active lanes; inactive lanes borrow the offset of
-// the first active lane, so every gather reads only records that the
-// one-ray form would read too. Needs at least one active lane.
-template <class DI_, class M>
-HWY_INLINE hn::Vec<DI_> OffsetsOfActive(DI_ di, M active, hn::Vec<DI_> offsets) {
-  const size_t first = static_cast<size_t>(hn::FindFirstTrue(di, active));
-  return hn::IfThenElse(active, offsets, hn::Set(di, hn::ExtractLane(offsets, first)));
+#if HWY_TARGET != HWY_SCALAR
+// Per-ray records (a triangle's normal, a vertex normal) are three floats at
+// 3k. Hardware gathers cost about as much per element as scalar loads on
+// some processors, so the normal kernels read each record with one 16-byte
+// load and transpose four rays at a time instead.
+using D4 = hn::FixedTag<float, 4>;
+using V4 = hn::Vec<D4>;
+
+// The triple at base + 3k in lanes 1..3. The load starts one float early so
+// that it never reads past the triple, which may end the caller's array;
+// the first triple has nothing before it and is assembled lane by lane.
+HWY_INLINE V4 LoadTriple(const float* base, int32_t k) {
+  if (k > 0) return hn::LoadU(D4(), base + 3 * static_cast<ptrdiff_t>(k) - 1);
+  HWY_ALIGN float t[4] = {0.0f, base[0], base[1], base[2]};
+  return hn::Load(D4(), t);
 }
+
+// Rows (-, x_j, y_j, z_j) of rays j = 0..3 to the columns x, y and z.
+HWY_INLINE void TransposeTriples(V4 r0, V4 r1, V4 r2, V4 r3, V4& x, V4& y, V4& z) {
+  const D4 d;
+  const V4 t0 = hn::InterleaveLower(d, r0, r1);  // -, -, x0, x1
+  const V4 t1 = hn::InterleaveUpper(d, r0, r1);  // y0, y1, z0, z1
+  const V4 t2 = hn::InterleaveLower(d, r2, r3);  // -, -, x2, x3
+  const V4 t3 = hn::InterleaveUpper(d, r2, r3);  // y2, y3, z2, z3
+  x = hn::ConcatUpperUpper(d, t2, t0);
+  y = hn::ConcatLowerLower(d, t3, t1);
+  z = hn::ConcatUpperUpper(d, t3, t1);
+}
+
+// Mask values of four rays with the inactive ones replaced by an active
+// ray's, so that every load reads a record the one-ray form reads too.
+// Needs at least one active ray among the four.
+HWY_INLINE void ActiveOrFirst(const int32_t* mask, bool allActive, int32_t out[4]) {
+  if (allActive) {
+    for (int j = 0; j < 4; ++j) out[j] = mask[j];
+    return;
+  }
+  int32_t fallback = mask[0];
+  for (int j = 3; j >= 0; --j)
+    if (mask[j] >= 0) fallback = mask[j];
+  for (int j = 0; j < 4; ++j) out[j] = mask[j] >= 0 ? mask[j] : fallback;
+}
+#endif
 
 // Hit point of one ray: block form (D * t) * eps + O, one-ray form
 // (D * eps) * t + O.
@@ -173,29 +208,38 @@ void HitPointOneRayKernel(const float* origin, const float* const* originPlanes,
 void FlatNormalKernel(const float* triNormals, const int32_t* mask, float* const* out,
                       size_t len) {
   using namespace surface;
-  const DF d;
-  const DI di;
-  const size_t n = hn::Lanes(d);
-  const auto zero = hn::Zero(d);
   size_t i = 0;
-  for (; i + n <= len; i += n) {
-    const auto m = hn::LoadU(di, mask + i);
-    const auto activeI = hn::Gt(m, hn::Set(di, -1));
+#if HWY_TARGET != HWY_SCALAR
+  const D4 d;
+  const hn::RebindToSigned<D4> di;
+  float* const px = out[0];
+  float* const py = out[1];
+  float* const pz = out[2];
+  for (; i + 4 <= len; i += 4) {
+    const auto activeI = hn::Gt(hn::LoadU(di, mask + i), hn::Set(di, -1));
     if (hn::AllFalse(di, activeI)) {
-      for (int c = 0; c < 3; ++c) hn::StoreU(zero, d, out[c] + i);
+      hn::StoreU(hn::Zero(d), d, px + i);
+      hn::StoreU(hn::Zero(d), d, py + i);
+      hn::StoreU(hn::Zero(d), d, pz + i);
       continue;
     }
-    const auto active = hn::RebindMask(d, activeI);
-    const auto off = OffsetsOfActive(di, activeI, hn::Add(hn::Add(m, m), m));
-    // Loads, gathers and selections move bits unchanged, so the normals are
+    int32_t m[4];
+    ActiveOrFirst(mask + i, hn::AllTrue(di, activeI), m);
+    V4 x, y, z;
+    TransposeTriples(LoadTriple(triNormals, m[0]), LoadTriple(triNormals, m[1]),
+                     LoadTriple(triNormals, m[2]), LoadTriple(triNormals, m[3]), x, y, z);
+    // Loads, shuffles and selections move bits unchanged, so the normals are
     // copied exactly, signalling NaNs included.
-    for (int c = 0; c < 3; ++c)
-      hn::StoreU(hn::IfThenElseZero(active, hn::GatherIndex(d, triNormals + c, off)), d,
-                 out[c] + i);
+    const auto active = hn::RebindMask(d, activeI);
+    hn::StoreU(hn::IfThenElseZero(active, x), d, px + i);
+    hn::StoreU(hn::IfThenElseZero(active, y), d, py + i);
+    hn::StoreU(hn::IfThenElseZero(active, z), d, pz + i);
   }
+#endif
   for (; i < len; ++i) {
     const int32_t m = mask[i];
-    for (int c = 0; c < 3; ++c) out[c][i] = m >= 0 ? triNormals[3 * static_cast<size_t>(m) + c] : 0.0f;
+    for (int c = 0; c < 3; ++c)
+      out[c][i] = m >= 0 ? triNormals[3 * static_cast<size_t>(m) + c] : 0.0f;
   }
 }
 
@@ -205,45 +249,53 @@ void SmoothNormalBlockKernel(const float* vn, const int32_t* tri, const int32_t*
                              const float* const* hit, float* const* out, size_t len,
                              int32_t step) {
   using namespace surface;
-  const DF d;
-  const DI di;
-  const size_t n = hn::Lanes(d);
-  const auto zero = hn::Zero(d);
+  size_t i = 0;
+#if HWY_TARGET != HWY_SCALAR
+  const D4 d;
+  const hn::RebindToSigned<D4> di;
   const auto one = hn::Set(d, 1.0f);
   const auto epsilon = hn::Set(d, FLT_EPSILON);
-  const auto vstep = hn::Set(di, step);
-  size_t i = 0;
-  for (; i + n <= len; i += n) {
-    const auto m = hn::LoadU(di, mask + i);
-    const auto activeI = hn::Gt(m, hn::Set(di, -1));
+  const float* const pu = hit[0];
+  const float* const pv = hit[1];
+  float* const px = out[0];
+  float* const py = out[1];
+  float* const pz = out[2];
+  for (; i + 4 <= len; i += 4) {
+    const auto activeI = hn::Gt(hn::LoadU(di, mask + i), hn::Set(di, -1));
     if (hn::AllFalse(di, activeI)) {
-      for (int c = 0; c < 3; ++c) hn::StoreU(zero, d, out[c] + i);
+      hn::StoreU(hn::Zero(d), d, px + i);
+      hn::StoreU(hn::Zero(d), d, py + i);
+      hn::StoreU(hn::Zero(d), d, pz + i);
       continue;
     }
-    const auto active = hn::RebindMask(d, activeI);
-    const auto off = OffsetsOfActive(di, activeI, hn::Mul(m, vstep));
-    const auto k0 = hn::GatherIndex(di, tri, off);
-    const auto k1 = hn::GatherIndex(di, tri + 1, off);
-    const auto k2 = hn::GatherIndex(di, tri + 2, off);
-    const auto v0 = hn::Add(hn::Add(k0, k0), k0);
-    const auto v1 = hn::Add(hn::Add(k1, k1), k1);
-    const auto v2 = hn::Add(hn::Add(k2, k2), k2);
-    const auto u = hn::LoadU(d, hit[0] + i);
-    const auto v = hn::LoadU(d, hit[1] + i);
-    const auto w = hn::Sub(hn::Sub(one, u), v);
-    const auto blend = [&](int c) {
-      return hn::Add(hn::Add(hn::Mul(hn::GatherIndex(d, vn + c, v1), v),
-                             hn::Mul(hn::GatherIndex(d, vn + c, v0), u)),
-                     hn::Mul(hn::GatherIndex(d, vn + c, v2), w));
+    int32_t m[4];
+    ActiveOrFirst(mask + i, hn::AllTrue(di, activeI), m);
+    const int32_t* rec[4];
+    for (int j = 0; j < 4; ++j) rec[j] = tri + WrapMul(m[j], step);
+    // Vertex normals of corner k of the four hit triangles, as columns.
+    const auto corner = [&](int k, V4& x, V4& y, V4& z) {
+      TransposeTriples(LoadTriple(vn, rec[0][k]), LoadTriple(vn, rec[1][k]),
+                       LoadTriple(vn, rec[2][k]), LoadTriple(vn, rec[3][k]), x, y, z);
     };
-    const auto nx = blend(0), ny = blend(1), nz = blend(2);
+    V4 n0x, n0y, n0z, n1x, n1y, n1z, n2x, n2y, n2z;
+    corner(0, n0x, n0y, n0z);
+    corner(1, n1x, n1y, n1z);
+    corner(2, n2x, n2y, n2z);
+    const auto u = hn::LoadU(d, pu + i);
+    const auto v = hn::LoadU(d, pv + i);
+    const auto w = hn::Sub(hn::Sub(one, u), v);
+    const auto nx = hn::Add(hn::Add(hn::Mul(n1x, v), hn::Mul(n0x, u)), hn::Mul(n2x, w));
+    const auto ny = hn::Add(hn::Add(hn::Mul(n1y, v), hn::Mul(n0y, u)), hn::Mul(n2y, w));
+    const auto nz = hn::Add(hn::Add(hn::Mul(n1z, v), hn::Mul(n0z, u)), hn::Mul(n2z, w));
     const auto s = hn::Add(hn::Add(hn::Mul(nx, nx), hn::Mul(ny, ny)), hn::Mul(nz, nz));
     const auto r =
         RsqrtNewton(s, hn::IfThenElseZero(hn::Gt(s, epsilon), RsqrtEstimate(s)));
-    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(nx, r)), d, out[0] + i);
-    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(ny, r)), d, out[1] + i);
-    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(nz, r)), d, out[2] + i);
+    const auto active = hn::RebindMask(d, activeI);
+    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(nx, r)), d, px + i);
+    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(ny, r)), d, py + i);
+    hn::StoreU(hn::IfThenElseZero(active, hn::Mul(nz, r)), d, pz + i);
   }
+#endif
   for (; i < len; ++i) {
     if (mask[i] < 0) {
       out[0][i] = out[1][i] = out[2][i] = 0.0f;
@@ -282,23 +334,28 @@ void TriangleNormalKernel(const float* vert, const int32_t* idx, float* out, siz
   using namespace surface;
   const hn::ScalableTag<double> dd;
   const hn::Rebind<float, decltype(dd)> df;
-  const hn::Rebind<int32_t, decltype(dd)> di;
   const size_t n = hn::Lanes(dd);
-  const auto recordOffsets = hn::ShiftLeft<2>(hn::Iota(di, 0));
   const auto tiny = hn::Set(dd, DBL_EPSILON);
+  // Corner coordinates of n triangles, gathered with scalar loads (cheaper
+  // than hardware gathers on some processors) into one column per corner
+  // and axis.
+  constexpr size_t kMax = hn::MaxLanes(dd);
+  HWY_ALIGN float col[9][kMax];
   size_t j = 0;
   for (; j + n <= count; j += n) {
-    const int32_t* rec = idx + 4 * j;
-    const auto corner = [&](int k, int c) {
-      const auto vi = hn::GatherIndex(di, rec + k, recordOffsets);
-      const auto off = hn::Add(hn::Add(vi, vi), vi);
-      return hn::PromoteTo(dd, hn::GatherIndex(df, vert + c, off));
-    };
-    const auto p2x = corner(2, 0), p2y = corner(2, 1), p2z = corner(2, 2);
-    const auto ax = hn::Sub(corner(0, 0), p2x), ay = hn::Sub(corner(0, 1), p2y),
-               az = hn::Sub(corner(0, 2), p2z);
-    const auto bx = hn::Sub(corner(1, 0), p2x), by = hn::Sub(corner(1, 1), p2y),
-               bz = hn::Sub(corner(1, 2), p2z);
+    for (size_t l = 0; l < n; ++l) {
+      const int32_t* rec = idx + 4 * (j + l);
+      for (int k = 0; k < 3; ++k) {
+        const float* p = vert + 3 * static_cast<ptrdiff_t>(rec[k]);
+        col[3 * k][l] = p[0];
+        col[3 * k + 1][l] = p[1];
+        col[3 * k + 2][l] = p[2];
+      }
+    }
+    const auto at = [&](int q) { return hn::PromoteTo(dd, hn::Load(df, col[q])); };
+    const auto p2x = at(6), p2y = at(7), p2z = at(8);
+    const auto ax = hn::Sub(at(0), p2x), ay = hn::Sub(at(1), p2y), az = hn::Sub(at(2), p2z);
+    const auto bx = hn::Sub(at(3), p2x), by = hn::Sub(at(4), p2y), bz = hn::Sub(at(5), p2z);
     const auto nx = hn::Sub(hn::Mul(ay, bz), hn::Mul(az, by));
     const auto ny = hn::Sub(hn::Mul(az, bx), hn::Mul(ax, bz));
     const auto nz = hn::Sub(hn::Mul(ax, by), hn::Mul(ay, bx));

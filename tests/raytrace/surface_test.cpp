@@ -148,10 +148,15 @@ TEST(SurfaceHitPoint, AlignmentAndLengthPickTheMultiplicationOrder) {
 TEST(SurfaceFlatNormal, CopiesTheHitTrianglesNormalBitForBit) {
   forEveryPath([](PacketShape s, Rng& rng) {
     const int triangles = 300;
-    Plane<float> tn(3 * triangles, s.offset);
-    for (size_t i = 0; i < tn.size(); ++i)
-      tn[i] = fromBits(static_cast<uint32_t>(rng.next()));  // any bits, NaNs included
-    const Plane<int32_t> m = velr::test::randomMask(rng, s.len, s.offset, triangles);
+    // Exactly sized, so that a read past the last normal is an error under
+    // the address sanitizer.
+    std::vector<float> tn(3 * triangles);
+    for (float& x : tn) x = fromBits(static_cast<uint32_t>(rng.next()));  // NaNs included
+    Plane<int32_t> m = velr::test::randomMask(rng, s.len, s.offset, triangles);
+    if (s.len > 2) {
+      m[0] = 0;
+      m[s.len - 1] = triangles - 1;
+    }
     Planes3 out(s.len, s.offset, kSentinel);
     ASSERT_EQ(velrSurfFlatNormal_32f(tn.data(), m.data(), out.out(), int(s.len)), velStsNoErr);
     for (size_t i = 0; i < s.len; ++i)
@@ -217,10 +222,17 @@ TEST(SurfaceSmoothNormal, AlignmentAndLengthPickTheNormalisation) {
   forEveryPath([](PacketShape s, Rng& rng) {
     for (int step : {3, 4, 7}) {
       const int triangles = 200;
-      const SmoothMesh mesh = randomMesh(rng, 150, triangles, step);
-      Plane<float> vn(mesh.normals.size(), s.offset);  // aligned with the packet or not
-      for (size_t i = 0; i < vn.size(); ++i) vn[i] = mesh.normals[i];
-      const Plane<int32_t> m = velr::test::randomMask(rng, s.len, s.offset, triangles);
+      SmoothMesh mesh = randomMesh(rng, 150, triangles, step);
+      // The first and the last vertex normal are read; in the aligned case
+      // the normals are an exactly sized array.
+      mesh.index[size_t(triangles - 1) * step + 2] = 149;
+      mesh.index[size_t(triangles - 1) * step + 1] = 0;
+      Plane<float> shifted(mesh.normals.size(), 1);
+      for (size_t i = 0; i < shifted.size(); ++i) shifted[i] = mesh.normals[i];
+      const float* vn = s.offset == 0 ? mesh.normals.data() : shifted.data();
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(mesh.normals.data()) % 16, 0u);
+      Plane<int32_t> m = velr::test::randomMask(rng, s.len, s.offset, triangles);
+      if (s.len > 0) m[s.len - 1] = triangles - 1;
       Planes3 uv(s.len, s.offset);
       for (size_t i = 0; i < s.len; ++i) {
         uv.c[0][i] = rng.uniform(0, 1);
@@ -230,7 +242,7 @@ TEST(SurfaceSmoothNormal, AlignmentAndLengthPickTheNormalisation) {
       // index records are 16-byte aligned (vector storage), so the path is
       // decided by the packet planes and the vertex normals.
       smoothReference(mesh, m, uv, blockPath(s), want);
-      ASSERT_EQ(smoothNormals(mesh, vn.data(), m, uv, out), velStsNoErr);
+      ASSERT_EQ(smoothNormals(mesh, vn, m, uv, out), velStsNoErr);
       for (int c = 0; c < 3; ++c)
         EXPECT_TRUE(samePlanes(out.c[c].data(), want.c[c].data(), s.len)) << "step " << step;
     }
