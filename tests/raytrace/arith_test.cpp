@@ -44,29 +44,14 @@ TEST(RayArith, NullPointersAreReportedBeforeAnyWrite) {
   float* o3[3] = {out.data(), out.data(), out.data()};
   const float pos[3] = {0, 0, 0};
 
-  EXPECT_EQ(velrDot_32f_P3C1M(nullptr, p3, m.data(), out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDot_32f_P3C1M(p3, nullptr, m.data(), out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDot_32f_P3C1M(p3, p3, nullptr, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDot_32f_P3C1M(p3, p3, m.data(), nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDotChangeNorm_32f_IM(nullptr, m.data(), o3, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDotChangeNorm_32f_IM(p3, nullptr, o3, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDotChangeNorm_32f_IM(p3, m.data(), nullptr, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDotChangeNorm_32f_IM(p3, m.data(), o3, nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDistAttenuationSO_32f_M(pos, nullptr, m.data(), out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDistAttenuationSO_32f_M(pos, p3, nullptr, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDistAttenuationSO_32f_M(pos, p3, m.data(), nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1IM(nullptr, m.data(), out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1IM(a.data(), nullptr, out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1IM(a.data(), m.data(), nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1P3IM(nullptr, m.data(), o3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1P3IM(a.data(), nullptr, o3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrMul_32f_C1P3IM(a.data(), m.data(), nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDiv_32f_C1IM(nullptr, m.data(), out.data(), 8), velStsNullPtrErr);
-  EXPECT_EQ(velrDiv_32f_C1IM(a.data(), m.data(), nullptr, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrAddMulMul_32f_AC1P3IM(pos, nullptr, p3, m.data(), o3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrAddMulMul_32f_AC1P3IM(pos, a.data(), nullptr, m.data(), o3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrAddMulMul_32f_AC1P3IM(pos, a.data(), p3, nullptr, o3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrAddMulMul_32f_AC1P3IM(pos, a.data(), p3, m.data(), nullptr, 8), velStsNullPtrErr);
+  using velr::test::expectNullRejected;
+  expectNullRejected<0, 1, 2, 3>(velrDot_32f_P3C1M, p3, p3, m.data(), out.data(), 8);
+  expectNullRejected<0, 1, 2, 3>(velrDotChangeNorm_32f_IM, p3, m.data(), o3, out.data(), 8);
+  expectNullRejected<1, 2, 3>(velrDistAttenuationSO_32f_M, pos, p3, m.data(), out.data(), 8);
+  expectNullRejected<0, 1, 2>(velrMul_32f_C1IM, a.data(), m.data(), out.data(), 8);
+  expectNullRejected<0, 1, 2>(velrMul_32f_C1P3IM, a.data(), m.data(), o3, 8);
+  expectNullRejected<0, 2>(velrDiv_32f_C1IM, a.data(), m.data(), out.data(), 8);
+  expectNullRejected<1, 2, 3, 4>(velrAddMulMul_32f_AC1P3IM, pos, a.data(), p3, m.data(), o3, 8);
   for (size_t i = 0; i < 8; ++i) EXPECT_EQ(out[i], kSentinel);
 
   // Pointers that are deliberately not checked, and counts below one: no
@@ -87,81 +72,29 @@ TEST(RayArith, NullPointersAreReportedBeforeAnyWrite) {
   for (size_t i = 0; i < 8; ++i) EXPECT_EQ(out[i], kSentinel);
 }
 
-TEST(RayArith, DocumentedValues) {
-  // Zero divisors of either sign: the dividend's sign picks the infinity,
-  // and 0 / 0 gives the one fixed NaN.
-  {
-    float x[4] = {2, -2, 0, 5};
-    const float s[4] = {0, -0.0f, 0, 2};
-    const int32_t m[4] = {0, 0, 0, 0};
-    EXPECT_EQ(velrDiv_32f_C1IM(s, m, x, 4), velStsDivByZero);
-    EXPECT_EQ(x[0], HUGE_VALF);
-    EXPECT_EQ(x[1], -HUGE_VALF);
-    EXPECT_EQ(bitsOf(x[2]), 0xFFC00000u);
-    EXPECT_EQ(x[3], 2.5f);
-  }
-  // A zero divisor on an inactive ray is no warning; the ray gets 0.
-  {
-    float x[2] = {3, 4};
-    const float s[2] = {0, 2};
-    const int32_t m[2] = {-1, 7};
-    EXPECT_EQ(velrDiv_32f_C1IM(s, m, x, 2), velStsNoErr);
-    EXPECT_EQ(bitsOf(x[0]), 0u);
-    EXPECT_EQ(x[1], 2.0f);
-  }
-  // Inactive rays are multiplied by 0.0, so infinity becomes NaN.
-  {
-    float x[1] = {1};
-    const float s[1] = {HUGE_VALF};
-    const int32_t m[1] = {-1};
-    EXPECT_EQ(velrMul_32f_C1IM(s, m, x, 1), velStsNoErr);
-    EXPECT_TRUE(std::isnan(x[0]));
-  }
-  // Distances below one are clamped to one.
-  {
-    const float light[3] = {1, 1, 1};
-    const float px[2] = {1.5f, 1}, py[2] = {1, 4}, pz[2] = {1, 1};
-    const float* p[3] = {px, py, pz};
-    const int32_t m[2] = {0, 3};
-    float dist[2];
-    EXPECT_EQ(velrDistAttenuationSO_32f_M(light, p, m, dist, 2), velStsNoErr);
-    EXPECT_EQ(dist[0], 1.0f);
-    EXPECT_EQ(dist[1], 3.0f);
-  }
-  // Normals are turned against the ray by a sign flip of every component.
-  {
-    const float rx[2] = {0, 0}, ry[2] = {0, 0}, rz[2] = {1, 1};
-    float nx[2] = {0, 0}, ny[2] = {0, 0}, nz[2] = {1, -1};
-    const float* r[3] = {rx, ry, rz};
-    float* n[3] = {nx, ny, nz};
-    const int32_t m[2] = {0, 0};
-    float dot[2];
-    EXPECT_EQ(velrDotChangeNorm_32f_IM(r, m, n, dot, 2), velStsNoErr);
-    EXPECT_EQ(bitsOf(nx[0]), 0x80000000u);
-    EXPECT_EQ(bitsOf(ny[0]), 0x80000000u);
-    EXPECT_EQ(nz[0], -1.0f);
-    EXPECT_EQ(dot[0], -1.0f);
-    EXPECT_EQ(bitsOf(nx[1]), 0u);
-    EXPECT_EQ(nz[1], -1.0f);
-    EXPECT_EQ(dot[1], -1.0f);
-  }
-  // Accumulation adds to active rays only.
-  {
-    const float colour[3] = {1, 0.5f, 0};
-    const float w[2] = {2, 2};
-    const float hx[2] = {0.5f, 0.5f};
-    const float* h[3] = {hx, hx, hx};
-    float r[2] = {1, 1}, g[2] = {1, 1}, b[2] = {1, 1};
-    float* c[3] = {r, g, b};
-    const int32_t m[2] = {4, -1};
-    EXPECT_EQ(velrAddMulMul_32f_AC1P3IM(colour, w, h, m, c, 2), velStsNoErr);
-    EXPECT_EQ(r[0], 2.0f);
-    EXPECT_EQ(g[0], 1.5f);
-    EXPECT_EQ(b[0], 1.0f);
-    EXPECT_EQ(r[1], 1.0f);
-    EXPECT_EQ(g[1], 1.0f);
-    EXPECT_EQ(b[1], 1.0f);
-  }
+// The packet tests below compare with the formulas; these two pin down the
+// points a formula alone leaves open: the sign of a zero divisor is ignored
+// and 0 / 0 is one fixed NaN; a flipped normal turns +0 into -0.
+TEST(RayArith, ZeroDivisorsAndSignFlips) {
+  float x[4] = {2, -2, 0, 5};
+  const float s[4] = {0, -0.0f, 0, 2};
+  const int32_t m[4] = {0, 0, 0, 0};
+  EXPECT_EQ(velrDiv_32f_C1IM(s, m, x, 4), velStsDivByZero);
+  EXPECT_EQ(x[0], HUGE_VALF);
+  EXPECT_EQ(x[1], -HUGE_VALF);
+  EXPECT_EQ(bitsOf(x[2]), 0xFFC00000u);
+  EXPECT_EQ(x[3], 2.5f);
+
+  const float r[2] = {0, 1};
+  float nx[1] = {0}, ny[1] = {0}, nz[1] = {1};
+  const float* ray[3] = {r, r, r + 1};
+  float* nrm[3] = {nx, ny, nz};
+  float dot[1];
+  EXPECT_EQ(velrDotChangeNorm_32f_IM(ray, m, nrm, dot, 1), velStsNoErr);
+  EXPECT_EQ(bitsOf(nx[0]), 0x80000000u);
+  EXPECT_EQ(bitsOf(ny[0]), 0x80000000u);
+  EXPECT_EQ(nz[0], -1.0f);
+  EXPECT_EQ(dot[0], -1.0f);
 }
 
 TEST(RayArith, DotProductsMatchTheOneRayForm) {

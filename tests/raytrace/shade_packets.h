@@ -9,7 +9,10 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include "velr.h"
 
 namespace velr::test {
 
@@ -18,11 +21,10 @@ template <class T>
 class Plane {
  public:
   Plane() : Plane(0, 0) {}
-  Plane(size_t n, size_t offset, T fill = T()) : store_(n + offset + 64 / sizeof(T)), n_(n) {
+  Plane(size_t n, size_t offset, T fill = T())
+      : store_(n + offset + 64 / sizeof(T), fill), n_(n) {
     const uintptr_t a = reinterpret_cast<uintptr_t>(store_.data());
-    const size_t skip = ((64 - (a & 63)) & 63) / sizeof(T);
-    p_ = store_.data() + skip + offset;
-    for (size_t i = 0; i < n; ++i) p_[i] = fill;
+    p_ = store_.data() + ((64 - (a & 63)) & 63) / sizeof(T) + offset;
   }
   Plane(const Plane& o) : Plane(o.n_, o.offset()) { std::memcpy(p_, o.p_, n_ * sizeof(T)); }
   Plane& operator=(const Plane& o) {
@@ -190,6 +192,20 @@ inline std::vector<PacketShape> packetShapes() {
 
 inline std::string shapeName(const std::string& target, PacketShape s) {
   return target + " len " + std::to_string(s.len) + (s.offset ? " unaligned" : " aligned");
+}
+
+// Calls fn(args...) once per listed argument position with that argument
+// replaced by a null pointer; each call must report velStsNullPtrErr.
+template <size_t... Checked, class Fn, class... Args>
+void expectNullRejected(Fn fn, Args... args) {
+  const auto all = std::make_tuple(args...);
+  (
+      [&] {
+        auto one = all;
+        std::get<Checked>(one) = nullptr;
+        EXPECT_EQ(std::apply(fn, one), velStsNullPtrErr) << "argument " << Checked;
+      }(),
+      ...);
 }
 
 }  // namespace velr::test

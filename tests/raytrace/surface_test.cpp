@@ -46,36 +46,16 @@ TEST(SurfaceChecks, NullPointersAreReportedBeforeAnyWrite) {
   const float* hit[2] = {f.data(), f.data()};
   const float o[3] = {0, 0, 0};
 
-  EXPECT_EQ(velrHitPoint3DEpsS0_32f_M(o, in3, nullptr, m.data(), out3, 8, 1), velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsS0_32f_M(o, in3, f.data(), nullptr, out3, 8, 1), velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsS0_32f_M(o, nullptr, f.data(), m.data(), out3, 8, 1),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsS0_32f_M(o, in3, f.data(), m.data(), nullptr, 8, 1),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsM0_32f_M(in3, in3, nullptr, m.data(), out3, 8, 1), velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsM0_32f_M(in3, in3, f.data(), nullptr, out3, 8, 1), velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsM0_32f_M(in3, nullptr, f.data(), m.data(), out3, 8, 1),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsM0_32f_M(in3, in3, f.data(), m.data(), nullptr, 8, 1),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrHitPoint3DEpsM0_32f_M(nullptr, in3, f.data(), m.data(), out3, 8, 1),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrSurfFlatNormal_32f(nullptr, m.data(), out3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrSurfFlatNormal_32f(f.data(), nullptr, out3, 8), velStsNullPtrErr);
-  EXPECT_EQ(velrSurfSmoothNormal_32f(nullptr, idx.data(), m.data(), hit, out3, 8, 3),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrSurfSmoothNormal_32f(f.data(), nullptr, m.data(), hit, out3, 8, 3),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrSurfSmoothNormal_32f(f.data(), idx.data(), nullptr, hit, out3, 8, 3),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrSurfSmoothNormal_32f(f.data(), idx.data(), m.data(), nullptr, out3, 8, 3),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrSurfSmoothNormal_32f(f.data(), idx.data(), m.data(), hit, nullptr, 8, 3),
-            velStsNullPtrErr);
-  EXPECT_EQ(velrTriangleNormal_32f(nullptr, idx.data(), out.data(), 2), velStsNullPtrErr);
-  EXPECT_EQ(velrTriangleNormal_32f(f.data(), nullptr, out.data(), 2), velStsNullPtrErr);
-  EXPECT_EQ(velrTriangleNormal_32f(f.data(), idx.data(), nullptr, 2), velStsNullPtrErr);
-  EXPECT_EQ(velrSetBoundBox_32f(nullptr, 2, out.data()), velStsNullPtrErr);
+  using velr::test::expectNullRejected;
+  expectNullRejected<1, 2, 3, 4>(velrHitPoint3DEpsS0_32f_M, o, in3, f.data(), m.data(), out3, 8,
+                                 1.0f);
+  expectNullRejected<0, 1, 2, 3, 4>(velrHitPoint3DEpsM0_32f_M, in3, in3, f.data(), m.data(), out3,
+                                    8, 1.0f);
+  expectNullRejected<0, 1>(velrSurfFlatNormal_32f, f.data(), m.data(), out3, 8);
+  expectNullRejected<0, 1, 2, 3, 4>(velrSurfSmoothNormal_32f, f.data(), idx.data(), m.data(), hit,
+                                    out3, 8, 3);
+  expectNullRejected<0, 1, 2>(velrTriangleNormal_32f, f.data(), idx.data(), out.data(), 2);
+  expectNullRejected<0>(velrSetBoundBox_32f, f.data(), 2, out.data());
   for (size_t i = 0; i < 8; ++i) EXPECT_EQ(out[i], kSentinel);
 
   // The single origin and the output triple of the flat normals are not
@@ -95,25 +75,6 @@ TEST(SurfaceChecks, NullPointersAreReportedBeforeAnyWrite) {
 }
 
 // ---------------------------------------------------------------- hit points
-
-TEST(SurfaceHitPoint, DocumentedValues) {
-  // eps = 1, O = 0, D = (0, 0, 2), t = 3 gives (0, 0, 6); a ray with mask -1
-  // gets (0, 0, 0). Length 4 aligned takes the block form, 3 the other.
-  for (int len : {4, 3}) {
-    Planes3 dir(4, 0), hp(4, 0, kSentinel);
-    Plane<float> t(4, 0, 3.0f);
-    Plane<int32_t> m(4, 0, 2);
-    for (size_t i = 0; i < 4; ++i) dir.c[2][i] = 2.0f;
-    m[1] = -1;
-    const float o[3] = {0, 0, 0};
-    ASSERT_EQ(velrHitPoint3DEpsS0_32f_M(o, dir.in(), t.data(), m.data(), hp.out(), len, 1.0f),
-              velStsNoErr);
-    for (int i = 0; i < len; ++i) {
-      EXPECT_EQ(hp.c[0][i], 0.0f);
-      EXPECT_EQ(hp.c[2][i], i == 1 ? 0.0f : 6.0f);
-    }
-  }
-}
 
 TEST(SurfaceHitPoint, AlignmentAndLengthPickTheMultiplicationOrder) {
   forEveryPath([](PacketShape s, Rng& rng) {
