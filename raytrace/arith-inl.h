@@ -242,7 +242,8 @@ bool DivKernel(const float* src, const int32_t* mask, float* dst, size_t len) {
   const auto posInf = hn::Set(d, HUGE_VALF);
   const auto negInf = hn::Set(d, -HUGE_VALF);
   const auto nan = hn::Set(d, BitsToFloat(kZeroDivNaN));
-  bool zeroDivisor = false;
+  // Lanes that met an active zero divisor, tested once after the loop.
+  auto zeroSeen = hn::Zero(d);
   size_t i = 0;
   for (; i + n <= len; i += n) {
     const auto active = ActiveLanes(d, mask + i);
@@ -254,8 +255,9 @@ bool DivKernel(const float* src, const int32_t* mask, float* dst, size_t len) {
                                         hn::IfThenElse(hn::Lt(x, zero), negInf, nan));
     const auto q = hn::IfThenElse(byZero, special, hn::Div(x, s));
     hn::StoreU(hn::IfThenElseZero(active, q), d, dst + i);
-    if (!hn::AllFalse(d, hn::And(active, byZero))) zeroDivisor = true;
+    zeroSeen = hn::Or(zeroSeen, hn::VecFromMask(d, hn::And(active, byZero)));
   }
+  bool zeroDivisor = !hn::AllFalse(d, hn::MaskFromVec(zeroSeen));
   for (; i < len; ++i) {
     if (mask[i] < 0) {
       dst[i] = 0.0f;
