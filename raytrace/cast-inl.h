@@ -3,9 +3,9 @@
 //
 // Each operation has a block form and a one-ray form that round differently
 // on purpose (evaluation and summation order, how the mask is updated). The
-// block form is defined per element as the documented four-ray step computes
-// it, so a target with wider vectors gives the same bits as one with four
-// lanes; the front end decides which form a packet gets.
+// block form is defined per element as a four-ray step computes it, so a
+// target with wider vectors gives the same bits as one with four lanes; the
+// front end decides which form a packet gets.
 #if defined(VELR_RAYTRACE_CAST_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef VELR_RAYTRACE_CAST_INL_H_
 #undef VELR_RAYTRACE_CAST_INL_H_

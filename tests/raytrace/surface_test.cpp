@@ -144,7 +144,7 @@ SmoothMesh randomMesh(Rng& rng, int vertices, int triangles, int step) {
 }
 
 // Both forms from the definition; the block form uses the library's
-// documented estimate, everything after it is restated here.
+// estimate (the one free choice), everything after it is restated here.
 void smoothReference(const SmoothMesh& mesh, const Plane<int32_t>& m, const Planes3& uv,
                      bool block, Planes3& want) {
   for (size_t i = 0; i < m.size(); ++i) {
@@ -291,7 +291,7 @@ std::vector<float> triangleNormalsReference(const std::vector<float>& v,
 
 }  // namespace
 
-TEST(SurfaceTriangleNormal, DocumentedValues) {
+TEST(SurfaceTriangleNormal, KnownValues) {
   const float v[12] = {1, 0, 0, 0, 1, 0, 0, 0, 0, 2, 2, 2};
   const int32_t idx[8] = {0, 1, 2, -99, 3, 3, 3, -99};
   float n[6];
@@ -353,7 +353,7 @@ std::vector<float> boxReference(const float* v, int count) {
 
 }  // namespace
 
-TEST(SurfaceBoundBox, DocumentedValues) {
+TEST(SurfaceBoundBox, KnownValues) {
   float box[6];
   const float one[3] = {1, -2, 0.5f};
   ASSERT_EQ(velrSetBoundBox_32f(one, 1, box), velStsNoErr);
