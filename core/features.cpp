@@ -26,7 +26,7 @@ std::uint64_t readXcr0() {
 }
 
 unsigned long long detect() {
-  unsigned maxLeaf = __get_cpuid_max(0, nullptr);
+  const unsigned maxLeaf = static_cast<unsigned>(__get_cpuid_max(0, nullptr));
   if (maxLeaf < 1) return 0;
   const CpuidRegs l1 = cpuid(1, 0);
   unsigned long long f = 0;
@@ -66,7 +66,7 @@ unsigned long long detect() {
     set(avx512 && (l7.b & (1u << 17)), VEL_CPU_AVX512DQ);
     set(avx512 && (l7.b & (1u << 31)), VEL_CPU_AVX512VL);
   }
-  if (__get_cpuid_max(0x80000000u, nullptr) >= 0x80000001u) {
+  if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) >= 0x80000001u) {
     const CpuidRegs e1 = cpuid(0x80000001u, 0);
     set(e1.c & (1u << 5), VEL_CPU_LZCNT);
   }

@@ -175,20 +175,21 @@ VELR_API VelStatus velrIntersectMultipleSO_32f(const Vel32f* pOrigin,
 
 /* Eye-ray directions of block (blockX, blockY) of a blockWidth x blockHeight
  * tiling: D(x, y) = pDH * (y + blockHeight * blockY) + pImPlaneOrigin
- * + pDW * (x + blockWidth * blockX). Status: velStsNullPtrErr. */
+ * + pDW * (x + blockWidth * blockX), in width x height planes.
+ * Status: velStsNullPtrErr (only pDirection is checked). */
 VELR_API VelStatus velrCastEye_32f(const Vel32f* pImPlaneOrigin, const Vel32f* pDW,
                                    const Vel32f* pDH, int blockWidth, int blockHeight, int blockX,
                                    int blockY, Vel32f* const pDirection[3], int width, int height);
 
 /* Mirror directions of the incident rays about the surface normals; inactive
- * rays get (0, 0, 0). Statuses: velStsNullPtrErr, velStsSizeErr. */
+ * rays get (0, 0, 0). Status: velStsNullPtrErr; len < 1 writes nothing. */
 VELR_API VelStatus velrCastReflectionRay_32f(const Vel32f* const pInc[3], const Vel32s* pMask,
                                              const Vel32f* const pSurfNorm[3],
                                              Vel32f* const pReflect[3], int len);
 
-/* Shadow rays from the surface points to a light; rays whose point faces away
- * from the light are switched off in the mask.
- * Statuses: velStsNullPtrErr, velStsSizeErr. */
+/* Shadow rays S = P - L from a point light to the surface points; rays whose
+ * point faces away from the light (or lies almost in its plane) are switched
+ * off in the mask. Status: velStsNullPtrErr; len < 1 writes nothing. */
 VELR_API VelStatus velrCastShadowSO_32f(const Vel32f* pLightPos, const Vel32f* pDotRay,
                                         const Vel32f* const pSurfNorm[3],
                                         const Vel32f* const pSurfPoint[3], Vel32s* pMask,
@@ -197,43 +198,46 @@ VELR_API VelStatus velrCastShadowSO_32f(const Vel32f* pLightPos, const Vel32f* p
 /* ------------------------------------------------------------------------ */
 /* Hit points, normals, bounding box                                         */
 
-/* Hit points O + t * D * eps from one origin. Statuses: velStsNullPtrErr,
- * velStsSizeErr. */
+/* Hit points O + t * D * eps from one origin; (0, 0, 0) for inactive rays.
+ * Status: velStsNullPtrErr; len < 1 writes nothing. */
 VELR_API VelStatus velrHitPoint3DEpsS0_32f_M(const Vel32f* pOrigin,
                                              const Vel32f* const pDirection[3],
                                              const Vel32f* pDist, const Vel32s* pMask,
                                              Vel32f* const pHitPoint[3], int len, Vel32f eps);
 
-/* Hit points from one origin per ray. Statuses: velStsNullPtrErr,
- * velStsSizeErr. */
+/* Hit points from one origin per ray. Status: velStsNullPtrErr. */
 VELR_API VelStatus velrHitPoint3DEpsM0_32f_M(const Vel32f* const pOrigin[3],
                                              const Vel32f* const pDirection[3],
                                              const Vel32f* pDist, const Vel32s* pMask,
                                              Vel32f* const pHitPoint[3], int len, Vel32f eps);
 
 /* Per-ray flat normal: the normal of the hit triangle (mask = triangle
- * number). Statuses: velStsNullPtrErr, velStsSizeErr. */
+ * number), (0, 0, 0) for inactive rays. Status: velStsNullPtrErr. */
 VELR_API VelStatus velrSurfFlatNormal_32f(const Vel32f* pTrnglNorm, const Vel32s* pMask,
                                           Vel32f* const pSurfNorm[3], int len);
 
 /* Per-ray smooth normal: vertex normals blended by the hit weights and
- * normalised. Statuses: velStsNullPtrErr, velStsSizeErr. */
+ * normalised; (0, 0, 0) for inactive rays and vanishing blends.
+ * Status: velStsNullPtrErr. */
 VELR_API VelStatus velrSurfSmoothNormal_32f(const Vel32f* pVertNorm, const Vel32s* pTrnglIndex,
                                             const Vel32s* pMask, const Vel32f* const pHit[2],
                                             Vel32f* const pSurfNorm[3], int len, int indexStep);
 
-/* Unit normal of every triangle, in double precision, parallel over
- * triangles. Statuses: velStsNullPtrErr, velStsSizeErr. */
+/* Unit normal of every triangle (index step 4), in double precision,
+ * parallel over triangles; (0, 0, 0) for degenerate ones.
+ * Status: velStsNullPtrErr. */
 VELR_API VelStatus velrTriangleNormal_32f(const Vel32f* pVertCoor, const Vel32s* pTrnglIndex,
                                           Vel32f* pTrnglNorm, int lenTrngl);
 
-/* Bounding box of the vertices with a small relative margin, as
- * xmin, ymin, zmin, xmax, ymax, zmax. Statuses: velStsNullPtrErr,
- * velStsSizeErr. */
+/* Bounding box of the vertices widened by 0.0001 of the largest absolute
+ * coordinate, as xmin, ymin, zmin, xmax, ymax, zmax; NaN coordinates are
+ * ignored. Status: velStsNullPtrErr. */
 VELR_API VelStatus velrSetBoundBox_32f(const Vel32f* pVertCoor, int lenVert, Vel32f* pBound);
 
 /* ------------------------------------------------------------------------ */
-/* Per-ray arithmetic (an element is active when its mask is 0 or more)     */
+/* Per-ray arithmetic (an element is active when its mask is 0 or more).
+ * Each returns velStsNullPtrErr for a missing array; lengths below 1 write
+ * nothing.                                                                  */
 
 /* pSrcDst[c][i] += (pSrc0[c] * pSrc2[c][i]) * pSrc1[i] for active rays. */
 VELR_API VelStatus velrAddMulMul_32f_AC1P3IM(const Vel32f* pSrc0, const Vel32f* pSrc1,
