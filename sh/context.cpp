@@ -36,7 +36,11 @@ void fillBand(Vel32u band, float* a, float* b) {
   }
   a[band] = static_cast<float>(-std::sqrt((2.0 * l + 1.0) / (2.0 * l)));
   // The three-term rule reaches back two bands only for |m| <= l - 2; the
-  // m = l - 1 entry stays zero, as does the sectoral slot.
+  // m = l - 1 entry is zero, as is the sectoral slot. Both are written: with
+  // a buffer that is not 16-byte aligned the end of table B lies beyond the
+  // cleared size.
+  b[band - 1] = 0.0f;
+  b[band] = 0.0f;
   b[0] = static_cast<float>(-((l - 1.0) / l) * std::sqrt((2.0 * l + 1.0) / (2.0 * l - 3.0)));
   for (Vel32u mi = 1; mi + 2 <= band; ++mi) {
     const double m = mi;
@@ -90,6 +94,7 @@ VelStatus velrSHInit_32f(VelrSHState* pSHState, Vel32u order, int algorithm) {
   storeBits(a + 0, 0x3E906EBBu);
   storeBits(a + 1, 0x3EFA2A1Du);
   storeBits(a + 2, 0xBEFA2A1Du);
+  b[0] = b[1] = b[2] = 0.0f;
 
   // Stop at the table's end, which a wrapped size query may have cut short.
   for (std::uint64_t l = 2; l <= order; ++l) {
