@@ -15,9 +15,11 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include "sh/context.h"
@@ -254,6 +256,48 @@ HWY_INLINE void TileToRows(const float* HWY_RESTRICT tile, size_t nv, size_t cou
   }
 }
 
+// Large outputs bypass the caches: a block is assembled in L1 and written
+// with non-temporal stores, which saves reading every output line before
+// overwriting it. Small outputs stay cached for the caller, who is likely
+// to read them next.
+constexpr size_t kStreamBytes = size_t{4} << 20;
+
+struct BlockWriter {
+  float* dst;
+  size_t nv;
+  bool stream;
+  HWY_ALIGN float staged[kMaxValues * kBlock];
+
+  BlockWriter(float* dst_, size_t len, size_t nv_)
+      : dst(dst_), nv(nv_), stream(len * nv_ * sizeof(float) >= kStreamBytes) {}
+
+  HWY_INLINE void Write(const float* tile, size_t i, size_t count) {
+    float* out = dst + i * nv;
+    if (!stream || count != kBlock) {
+      TileToRows(tile, nv, count, out, nv);
+      return;
+    }
+    // A whole block is one contiguous run of kBlock * nv floats: whole
+    // aligned vectors are streamed, the ends (shared with the neighbouring
+    // blocks' lines) stored normally.
+    TileToRows(tile, nv, count, staged, nv);
+    const size_t n = kBlock * nv;
+    const DF df;
+    constexpr size_t kVecBytes = kBlock * sizeof(float);
+    const size_t misalign = reinterpret_cast<uintptr_t>(out) % kVecBytes;
+    size_t head = misalign == 0 ? 0 : (kVecBytes - misalign) / sizeof(float);
+    if (misalign % sizeof(float) != 0) head = n;  // not float-aligned: no streaming
+    size_t k = 0;
+    for (; k < head && k < n; ++k) out[k] = staged[k];
+    for (; k + kBlock <= n; k += kBlock) hn::Stream(hn::LoadU(df, staged + k), df, out + k);
+    for (; k < n; ++k) out[k] = staged[k];
+  }
+
+  ~BlockWriter() {
+    if (stream) hwy::FlushStream();
+  }
+};
+
 // ---------------------------------------------------------------- entries
 
 inline void EvalBasis(const float* x, const float* y, const float* z, size_t len, float* dst,
@@ -261,12 +305,13 @@ inline void EvalBasis(const float* x, const float* y, const float* z, size_t len
   HWY_ALIGN float tile[kMaxValues * kBlock];
   const BasisTiler tiler(order, ta, tb);
   const size_t nv = static_cast<size_t>(valueCount(order));
+  BlockWriter writer(dst, len, nv);
   BlockInput in;
   for (size_t i = 0; i < len; i += kBlock) {
     const size_t count = len - i < kBlock ? len - i : kBlock;
     in.Point(x, y, z, i, count);
     tiler(in.px, in.py, in.pz, tile);
-    TileToRows(tile, nv, count, dst + i * nv, nv);
+    writer.Write(tile, i, count);
   }
 }
 
@@ -275,12 +320,13 @@ inline void EvalBand(const float* x, const float* y, const float* z, size_t len,
   HWY_ALIGN float tile[(2 * kMaxBand + 1) * kBlock];
   const TileFn fill = BandTile(band);
   const size_t nv = static_cast<size_t>(2 * band + 1);
+  BlockWriter writer(dst, len, nv);
   BlockInput in;
   for (size_t i = 0; i < len; i += kBlock) {
     const size_t count = len - i < kBlock ? len - i : kBlock;
     in.Point(x, y, z, i, count);
     fill(in.px, in.py, in.pz, tile);
-    TileToRows(tile, nv, count, dst + i * nv, nv);
+    writer.Write(tile, i, count);
   }
 }
 

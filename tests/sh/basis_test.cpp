@@ -190,6 +190,35 @@ TEST(SHBasis, BandIsTheSliceOfTheFullEvaluation) {
   }
 }
 
+// Outputs of several megabytes take the cache-bypassing path, whatever the
+// alignment of the destination; they must hold what short calls write.
+TEST(SHBasis, LargeOutputsMatchShortCalls) {
+  const Directions d = randomDirections(40000, 21);
+  const int n = 40000;
+  for (int offset : {0, 1, 3}) {
+    for (int band : {4, 15}) {
+      const int w = 2 * band + 1;
+      std::vector<float> big(n * w + offset), small(n * w);
+      ASSERT_EQ(velrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), n, big.data() + offset, band),
+                velStsNoErr);
+      for (int i = 0; i < n; i += 100) {
+        velrSHBand_32f(&d.x[i], &d.y[i], &d.z[i], 100, &small[i * w], band);
+      }
+      ASSERT_EQ(std::memcmp(big.data() + offset, small.data(), small.size() * 4), 0);
+    }
+    Context ctx(15, 1);
+    const int m = 4500;
+    std::vector<float> big(m * 256 + offset), small(m * 256);
+    ASSERT_EQ(velrSH_32f(d.x.data(), d.y.data(), d.z.data(), m, big.data() + offset, 15,
+                         ctx.state()),
+              velStsNoErr);
+    for (int i = 0; i < m; i += 100) {
+      velrSH_32f(&d.x[i], &d.y[i], &d.z[i], 100, &small[i * 256], 15, ctx.state());
+    }
+    ASSERT_EQ(std::memcmp(big.data() + offset, small.data(), small.size() * 4), 0);
+  }
+}
+
 TEST(SHBasis, EveryTargetGivesTheSameBits) {
   const Directions d = randomDirections(45, 13);
   std::vector<std::vector<float>> first;
