@@ -148,10 +148,10 @@ void transforms(benchmark::internal::Benchmark* b) {
   }
 }
 
-BENCHMARK(BM_Memcpy)->Apply(orders)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_SH)->Apply(ordersAndAlgorithms)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_SHBand)->Apply(orders)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Transform)->Apply(transforms)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Memcpy)->Apply(orders)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SH)->Apply(ordersAndAlgorithms)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SHBand)->Apply(orders)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Transform)->Apply(transforms)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
