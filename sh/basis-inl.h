@@ -210,43 +210,88 @@ struct BlockInput {
   }
 };
 
+#if HWY_TARGET != HWY_SCALAR
+// Tile rows k..k+3 of directions j..j+3 to out[(j + i) * stride + k + r].
+HWY_INLINE void Transpose4(const float* HWY_RESTRICT tile, size_t k, size_t j,
+                           float* HWY_RESTRICT out, size_t stride) {
+  const hn::Full128<float> d;
+  const float* t = tile + k * kBlock + j;
+  float* o = out + j * stride + k;
+  const auto r0 = hn::Load(d, t);
+  const auto r1 = hn::Load(d, t + kBlock);
+  const auto r2 = hn::Load(d, t + 2 * kBlock);
+  const auto r3 = hn::Load(d, t + 3 * kBlock);
+  const auto t0 = hn::InterleaveLower(d, r0, r1);
+  const auto t1 = hn::InterleaveLower(d, r2, r3);
+  const auto t2 = hn::InterleaveUpper(d, r0, r1);
+  const auto t3 = hn::InterleaveUpper(d, r2, r3);
+  hn::StoreU(hn::ConcatLowerLower(d, t1, t0), d, o);
+  hn::StoreU(hn::ConcatUpperUpper(d, t1, t0), d, o + stride);
+  hn::StoreU(hn::ConcatLowerLower(d, t3, t2), d, o + 2 * stride);
+  hn::StoreU(hn::ConcatUpperUpper(d, t3, t2), d, o + 3 * stride);
+}
+
+#if HWY_TARGET <= HWY_AVX2
+// The same for 8 x 8, in 256-bit vectors: 24 shuffles per 64 floats
+// instead of 32, and half the loads and stores.
+HWY_INLINE void Transpose8(const float* HWY_RESTRICT tile, size_t k, size_t j,
+                           float* HWY_RESTRICT out, size_t stride) {
+  const hn::CappedTag<float, 8> d;
+  const hn::Repartition<double, decltype(d)> d64;
+  const float* t = tile + k * kBlock + j;
+  float* o = out + j * stride + k;
+  using V = hn::Vec<decltype(d)>;
+  V r[8];
+  for (size_t i = 0; i < 8; ++i) r[i] = hn::Load(d, t + i * kBlock);
+  // Within each 128-bit half: pairs of rows interleaved, then pairs of pairs.
+  V p[8];
+  for (size_t i = 0; i < 4; ++i) {
+    p[2 * i] = hn::InterleaveLower(d, r[2 * i], r[2 * i + 1]);
+    p[2 * i + 1] = hn::InterleaveUpper(d, r[2 * i], r[2 * i + 1]);
+  }
+  V q[8];  // q[4h + c]: rows 4h..4h+3 of columns c (low half) and c + 4 (high half)
+  for (size_t h = 0; h < 2; ++h) {
+    const auto a = hn::BitCast(d64, p[4 * h]), b = hn::BitCast(d64, p[4 * h + 2]);
+    const auto e = hn::BitCast(d64, p[4 * h + 1]), f = hn::BitCast(d64, p[4 * h + 3]);
+    q[4 * h + 0] = hn::BitCast(d, hn::InterleaveLower(d64, a, b));
+    q[4 * h + 1] = hn::BitCast(d, hn::InterleaveUpper(d64, a, b));
+    q[4 * h + 2] = hn::BitCast(d, hn::InterleaveLower(d64, e, f));
+    q[4 * h + 3] = hn::BitCast(d, hn::InterleaveUpper(d64, e, f));
+  }
+  for (size_t c = 0; c < 4; ++c) {
+    hn::StoreU(hn::ConcatLowerLower(d, q[4 + c], q[c]), d, o + c * stride);
+    hn::StoreU(hn::ConcatUpperUpper(d, q[4 + c], q[c]), d, o + (c + 4) * stride);
+  }
+}
+#endif
+#endif
+
 // Writes the first `count` directions of a tile of nv rows as out[j * stride
-// + k]. Whole 4 x 4 squares go through registers; the odd last row of an odd
-// band count and a short direction group are copied one by one.
+// + k]. Whole squares go through registers; the odd last row of an odd band
+// count and a short direction group are copied one by one.
 HWY_INLINE void TileToRows(const float* HWY_RESTRICT tile, size_t nv, size_t count,
                            float* HWY_RESTRICT out, size_t stride) {
   size_t j = 0;
 #if HWY_TARGET != HWY_SCALAR
+#if HWY_TARGET <= HWY_AVX2
+  for (; j + 8 <= count; j += 8) {
+    size_t k = 0;
+    for (; k + 8 <= nv; k += 8) Transpose8(tile, k, j, out, stride);
+    for (; k + 4 <= nv; k += 4) {
+      Transpose4(tile, k, j, out, stride);
+      Transpose4(tile, k, j + 4, out, stride);
+    }
+    for (; k < nv; ++k) {
+      for (size_t i = j; i < j + 8; ++i) out[i * stride + k] = tile[k * kBlock + i];
+    }
+  }
+#endif
   if constexpr (kBlock % 4 == 0) {
-    const hn::Full128<float> d4;
-    const size_t nv4 = nv & ~size_t{3};
     for (; j + 4 <= count; j += 4) {
-      float* o0 = out + j * stride;
-      float* o1 = o0 + stride;
-      float* o2 = o1 + stride;
-      float* o3 = o2 + stride;
       size_t k = 0;
-      for (; k < nv4; k += 4) {
-        const float* t = tile + k * kBlock + j;
-        const auto r0 = hn::Load(d4, t);
-        const auto r1 = hn::Load(d4, t + kBlock);
-        const auto r2 = hn::Load(d4, t + 2 * kBlock);
-        const auto r3 = hn::Load(d4, t + 3 * kBlock);
-        const auto t0 = hn::InterleaveLower(d4, r0, r1);
-        const auto t1 = hn::InterleaveLower(d4, r2, r3);
-        const auto t2 = hn::InterleaveUpper(d4, r0, r1);
-        const auto t3 = hn::InterleaveUpper(d4, r2, r3);
-        hn::StoreU(hn::ConcatLowerLower(d4, t1, t0), d4, o0 + k);
-        hn::StoreU(hn::ConcatUpperUpper(d4, t1, t0), d4, o1 + k);
-        hn::StoreU(hn::ConcatLowerLower(d4, t3, t2), d4, o2 + k);
-        hn::StoreU(hn::ConcatUpperUpper(d4, t3, t2), d4, o3 + k);
-      }
+      for (; k + 4 <= nv; k += 4) Transpose4(tile, k, j, out, stride);
       for (; k < nv; ++k) {
-        const float* t = tile + k * kBlock + j;
-        o0[k] = t[0];
-        o1[k] = t[1];
-        o2[k] = t[2];
-        o3[k] = t[3];
+        for (size_t i = j; i < j + 4; ++i) out[i * stride + k] = tile[k * kBlock + i];
       }
     }
   }
