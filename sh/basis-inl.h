@@ -53,8 +53,16 @@ struct TileRowSink {
   float* rows;
   template <class V>
   HWY_INLINE void operator()(int k, V v) const {
+    float* row = rows + static_cast<size_t>(kBase + k) * kBlock;
+#if HWY_TARGET == HWY_SCALAR
+    // The scalar target's demotion saturates at the largest float; the
+    // conversion instructions of the vector targets (and the C++ cast) give
+    // infinity, which is what a far-from-unit direction must produce.
+    *row = static_cast<float>(hn::GetLane(v));
+#else
     const hn::Rebind<float, DD> dh;
-    hn::Store(hn::DemoteTo(dh, v), dh, rows + static_cast<size_t>(kBase + k) * kBlock);
+    hn::Store(hn::DemoteTo(dh, v), dh, row);
+#endif
   }
 };
 

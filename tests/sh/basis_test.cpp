@@ -220,7 +220,9 @@ TEST(SHBasis, LargeOutputsMatchShortCalls) {
 }
 
 TEST(SHBasis, EveryTargetGivesTheSameBits) {
-  const Directions d = randomDirections(45, 13);
+  Directions d = randomDirections(45, 13);
+  d.x[7] = 1e30f;  // values overflow to infinity on every target alike
+  d.z[8] = -3e9f;
   std::vector<std::vector<float>> first;
   velr::test::forEachTarget([&](const std::string& target) {
     std::vector<std::vector<float>> results;
