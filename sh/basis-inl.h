@@ -3,8 +3,8 @@
 // A block of kBlock directions (one float vector) is evaluated into a
 // value-major tile: row k holds basis value k of every direction of the
 // block, so each basis function is computed once per vector of directions
-// with no shuffling. The tile is then transposed, 4 x 4 at a time, into the
-// caller's direction-major layout. Every lane computes exactly what a
+// with no shuffling. The tile is then transposed, in 8 x 8 or 4 x 4
+// squares, into the caller's direction-major layout. Every lane computes exactly what a
 // one-direction evaluation computes, so all targets agree bit for bit.
 #if defined(VELR_SH_BASIS_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef VELR_SH_BASIS_INL_H_
@@ -16,7 +16,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 
 #include <hwy/cache_control.h>

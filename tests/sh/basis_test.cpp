@@ -15,17 +15,7 @@ using velr::test::Directions;
 using velr::test::randomDirections;
 using velr::test::referenceBasis;
 
-// A context in a 16-byte aligned buffer (malloc's alignment).
-struct Context {
-  std::vector<float> storage;
-  Context(Vel32u order, int algorithm) {
-    int size = 0;
-    EXPECT_EQ(velrSHGetSize_32f(order, algorithm, &size), velStsNoErr);
-    storage.assign(size / 4 + 1, 0.0f);
-    EXPECT_EQ(velrSHInit_32f(state(), order, algorithm), velStsNoErr);
-  }
-  VelrSHState* state() { return reinterpret_cast<VelrSHState*>(storage.data()); }
-};
+using Context = velr::test::SHContext;
 
 std::vector<float> evalSH(const Directions& d, int order, int algorithm, size_t first = 0) {
   Context ctx(15, algorithm);

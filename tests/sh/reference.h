@@ -1,14 +1,29 @@
-// Long-double reference of the real spherical harmonics for the tests, by a
-// route independent of the library: associated Legendre values from the
-// upward recurrence in l, (x + iy)^m by complex multiplication, factorials
-// by products.
+// Test helpers: contexts, random directions, and a long-double reference of
+// the real spherical harmonics by a route independent of the library:
+// associated Legendre values from the upward recurrence in l, (x + iy)^m by
+// complex multiplication, factorials by products.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
+#include "velr.h"
+
 namespace velr::test {
+
+// A context for `order` and `algorithm` in a 16-byte aligned buffer
+// (malloc's alignment).
+struct SHContext {
+  std::vector<float> storage;
+  SHContext(Vel32u order, int algorithm) {
+    int size = 0;
+    velrSHGetSize_32f(order, algorithm, &size);
+    storage.assign(size / 4 + 1, 0.0f);
+    velrSHInit_32f(state(), order, algorithm);
+  }
+  VelrSHState* state() { return reinterpret_cast<VelrSHState*>(storage.data()); }
+};
 
 // Values of bands 0..order at (x, y, z), index l^2 + l + m. The polynomials
 // are evaluated as they stand, so a direction of length not exactly one

@@ -14,16 +14,7 @@ using velr::test::Directions;
 using velr::test::randomDirections;
 using velr::test::referenceBasis;
 
-struct Context {
-  std::vector<float> storage;
-  Context(Vel32u order, int algorithm) {
-    int size = 0;
-    velrSHGetSize_32f(order, algorithm, &size);
-    storage.assign(size / 4 + 1, 0.0f);
-    velrSHInit_32f(state(), order, algorithm);
-  }
-  VelrSHState* state() { return reinterpret_cast<VelrSHState*>(storage.data()); }
-};
+using Context = velr::test::SHContext;
 
 bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * 4) == 0;
