@@ -1,4 +1,4 @@
-// Front ends of the basis evaluation: argument checks in their documented
+// Front ends of the basis evaluation: argument checks in their fixed
 // order, then the kernels.
 #include "sh/context.h"
 #include "sh/kernels.h"

@@ -20,8 +20,10 @@ getcontext().prec = 80
 
 
 def pi_decimal():
-    # pi = 16 atan(1/5) - 4 atan(1/239), each term summed until it vanishes
-    # at the working precision.
+    # pi = 16 atan(1/5) - 4 atan(1/239), summed until a term no longer
+    # reaches the working precision.
+    negligible = Decimal(10) ** -(getcontext().prec + 5)
+
     def atan_inv(n):
         total = Decimal(0)
         power = Decimal(1) / n
@@ -29,7 +31,7 @@ def pi_decimal():
         k = 0
         while True:
             term = power / (2 * k + 1)
-            if term == 0:
+            if term < negligible:
                 return total
             total += -term if k % 2 else term
             power /= n2

@@ -77,7 +77,7 @@ TEST(SHBasis, ClosedFormWithinOneUlpOfExactValue) {
   EXPECT_LE(worstBound, 1.0);
 }
 
-// The documented first bands fix the sign convention: odd |m| negative on
+// The first bands fix the sign convention: odd |m| negative on
 // both the cos and the sin side.
 TEST(SHBasis, FirstBandsFollowTheConvention) {
   Directions d = randomDirections(64, 3);

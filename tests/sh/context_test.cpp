@@ -64,7 +64,7 @@ TEST(SHContext, RecurrenceTablesAndPlacement) {
     const float* a = reinterpret_cast<const float*>(buf + offset + s->tableA);
     const float* b = reinterpret_cast<const float*>(buf + offset + s->tableB);
 
-    // Everything in the documented size that is not a table entry is zero;
+    // Everything within the queried size that is not a table entry is zero;
     // nothing after it is touched.
     const unsigned char* bytes = buf + offset;
     for (int i = 16; i < size; ++i) {
