@@ -69,13 +69,14 @@ std::vector<T> randomVolume(VelrVolume v, uint64_t seed) {
 }
 
 // A volume as the library sees it: padded lines and planes in one block (V),
-// or separately allocated planes in reverse order of allocation (PV).
+// or separately allocated planes without padding, in reverse order of
+// allocation (PV), so that the sanitizer sees any read past a plane.
 template <class T>
 class Stored {
  public:
   Stored(VelrVolume v, bool planar) : v_(v), planar_(planar) {
-    line_ = v.width + 3;
-    plane_ = line_ * (v.height + 2);
+    line_ = v.width + (planar ? 0 : 3);
+    plane_ = line_ * (v.height + (planar ? 0 : 2));
     if (planar) {
       store_.resize(v.depth);
       ptrs_.resize(v.depth);
