@@ -150,6 +150,13 @@ TEST(ResizeSetup, LimitsByVolumeAndDestinationAndReportsWarnings) {
   EXPECT_EQ(s.axis[0].begin, 3);
   EXPECT_EQ(s.axis[0].end, 7);
   EXPECT_DOUBLE_EQ(s.axis[0].inv, 0.5);
+  // Half-voxel boundaries: 1 * 2 + 0.5 starts at 2, 3 * 2 + 0.5 ends at 7.
+  const double half[3] = {0.5, 0.5, 0.5};
+  ASSERT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {1, 1, 1, 2, 2, 2}, {0, 0, 0, 99, 99, 99},
+                                   two, half, 6, &s),
+            velStsNoErr);
+  EXPECT_EQ(s.axis[2].begin, 2);
+  EXPECT_EQ(s.axis[2].end, 7);
   EXPECT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {0, 6, 0, 1, 1, 1}, {0, 0, 0, 9, 9, 9}, one,
                                    zero, 1, &s),
             velStsWrongIntersectVolume);
