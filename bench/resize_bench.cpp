@@ -23,7 +23,7 @@ namespace {
 
 struct Workload {
   const char* name;
-  int n;            // source edge
+  int n;  // source edge
   double f[3];
 };
 
@@ -72,13 +72,13 @@ VelStatus resizeOnce(bool planar, const T* src, const T* const* srcPlanes, VelrV
   else if constexpr (sizeof(T) == 2)
     return planar ? velrResize_16u_C1PV(srcPlanes, sv, ss, sr, dstPlanes, ds, dr, f[0], f[1], f[2],
                                         0, 0, 0, code, buf)
-                  : velrResize_16u_C1V(src, sv, ss, sp, sr, dst, ds, dp, dr, f[0], f[1], f[2], 0,
-                                       0, 0, code, buf);
+                  : velrResize_16u_C1V(src, sv, ss, sp, sr, dst, ds, dp, dr, f[0], f[1], f[2], 0, 0,
+                                       0, code, buf);
   else
     return planar ? velrResize_32f_C1PV(srcPlanes, sv, ss, sr, dstPlanes, ds, dr, f[0], f[1], f[2],
                                         0, 0, 0, code, buf)
-                  : velrResize_32f_C1V(src, sv, ss, sp, sr, dst, ds, dp, dr, f[0], f[1], f[2], 0,
-                                       0, 0, code, buf);
+                  : velrResize_32f_C1V(src, sv, ss, sp, sr, dst, ds, dp, dr, f[0], f[1], f[2], 0, 0,
+                                       0, code, buf);
 }
 
 VelrCuboid destinationOf(const Workload& w) {
@@ -128,9 +128,8 @@ void registerType(const char* typeName) {
   for (const Workload& w : kWorkloads) {
     const VelrCuboid d = destinationOf(w);
     const int64_t bytes = static_cast<int64_t>(d.width) * d.height * d.depth * sizeof(T);
-    benchmark::RegisterBenchmark(
-        (std::string("memcpy/") + w.name + "/" + typeName).c_str(),
-        [bytes](benchmark::State& s) { runMemcpy(s, bytes); })
+    benchmark::RegisterBenchmark((std::string("memcpy/") + w.name + "/" + typeName).c_str(),
+                                 [bytes](benchmark::State& s) { runMemcpy(s, bytes); })
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
     for (bool planar : {false, true})
@@ -140,9 +139,10 @@ void registerType(const char* typeName) {
           const std::string name = std::string("resize/") + w.name + "/" + typeName +
                                    (planar ? "_C1PV" : "_C1V") + "/code:" + std::to_string(code) +
                                    "/threads:" + std::to_string(threads);
-          benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& s) {
-            runResize<T>(s, w, planar, code, threads);
-          })->Unit(benchmark::kMillisecond)->UseRealTime();
+          benchmark::RegisterBenchmark(
+              name.c_str(), [=](benchmark::State& s) { runResize<T>(s, w, planar, code, threads); })
+              ->Unit(benchmark::kMillisecond)
+              ->UseRealTime();
         }
       }
   }

@@ -48,7 +48,9 @@ struct VolumeRef {
     return r;
   }
 
-  T* plane(int z) const { return planes ? planes[z] : base + static_cast<ptrdiff_t>(z) * planeStep; }
+  T* plane(int z) const {
+    return planes ? planes[z] : base + static_cast<ptrdiff_t>(z) * planeStep;
+  }
   T* line(int y, int z) const { return plane(z) + static_cast<ptrdiff_t>(y) * lineStep; }
   T* voxel(int x, int y, int z) const { return line(y, z) + x; }
 };
@@ -65,7 +67,9 @@ inline int tapsPerAxis(int code) {
   return code == VELR_INTER_NEAREST ? 1 : code == VELR_INTER_LINEAR ? 2 : 4;
 }
 
-inline bool isEmptyVolume(const VelrVolume& v) { return v.width < 1 || v.height < 1 || v.depth < 1; }
+inline bool isEmptyVolume(const VelrVolume& v) {
+  return v.width < 1 || v.height < 1 || v.depth < 1;
+}
 
 // Offsets below 0 or extents below 1, in the order x/width, y/height,
 // z/depth (the order matters only to say which test fails first; the status
@@ -85,7 +89,11 @@ inline VelrRemapRegion clippedBounds(const VelrCuboid& r, const VelrVolume& v) {
   auto last = [](int start, int len, int extent) {
     return start + (len < extent - start ? len : extent - start) - 1;
   };
-  return {r.x, r.y, r.z, last(r.x, r.width, v.width), last(r.y, r.height, v.height),
+  return {r.x,
+          r.y,
+          r.z,
+          last(r.x, r.width, v.width),
+          last(r.y, r.height, v.height),
           last(r.z, r.depth, v.depth)};
 }
 

@@ -22,18 +22,26 @@ constexpr double cubicKernel(int code, double d) {
   constexpr double kTwentyEightFifteenths = 1.8666666666666667;
   if (d < 1.0) {
     switch (code) {
-      case VELR_INTER_CUBIC_LAGRANGE: return (0.5 * d * d - d - 0.5) * d + 1.0;
-      case VELR_INTER_BSPLINE: return (0.5 * d * d - d) * d + kTwoThirds;
-      case VELR_INTER_CATMULL_ROM: return (1.5 * d - 2.5) * d * d + 1.0;
-      default: return (0.95 * d - 1.7) * d * d + kFiveSixths;
+      case VELR_INTER_CUBIC_LAGRANGE:
+        return (0.5 * d * d - d - 0.5) * d + 1.0;
+      case VELR_INTER_BSPLINE:
+        return (0.5 * d * d - d) * d + kTwoThirds;
+      case VELR_INTER_CATMULL_ROM:
+        return (1.5 * d - 2.5) * d * d + 1.0;
+      default:
+        return (0.95 * d - 1.7) * d * d + kFiveSixths;
     }
   }
   if (d < 2.0) {
     switch (code) {
-      case VELR_INTER_CUBIC_LAGRANGE: return (-kSixth * d * d + d - kElevenSixths) * d + 1.0;
-      case VELR_INTER_BSPLINE: return (-kSixth * d * d + d) * d + (kFourThirds - d - d);
-      case VELR_INTER_CATMULL_ROM: return ((-0.5 * d + 2.5) * d - 4.0) * d + 2.0;
-      default: return ((-kTwentyThreeSixtieths * d + 2.0) * d - 3.4) * d + kTwentyEightFifteenths;
+      case VELR_INTER_CUBIC_LAGRANGE:
+        return (-kSixth * d * d + d - kElevenSixths) * d + 1.0;
+      case VELR_INTER_BSPLINE:
+        return (-kSixth * d * d + d) * d + (kFourThirds - d - d);
+      case VELR_INTER_CATMULL_ROM:
+        return ((-0.5 * d + 2.5) * d - 4.0) * d + 2.0;
+      default:
+        return ((-kTwentyThreeSixtieths * d + 2.0) * d - 3.4) * d + kTwentyEightFifteenths;
     }
   }
   if (d >= 2.0) return 0.0;

@@ -16,12 +16,13 @@
 #define VELR_VOLUME_RESIZE_INL_H_
 #endif
 
+#include <hwy/cache_control.h>
+#include <hwy/highway.h>
+
 #include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <hwy/cache_control.h>
-#include <hwy/highway.h>
 
 #include "volume/common.h"
 #include "volume/kernels.h"
@@ -150,7 +151,8 @@ template <class T>
 HWY_INLINE void PrefetchTaps(const T* line, const AxisTaps& tx) {
   if (tx.count < 1) return;
   const char* p = reinterpret_cast<const char*>(line + clampIndex(tx.index[0] - 1, tx.extent));
-  const char* end = reinterpret_cast<const char*>(line + clampIndex(tx.index[tx.count - 1] + 2, tx.extent));
+  const char* end =
+      reinterpret_cast<const char*>(line + clampIndex(tx.index[tx.count - 1] + 2, tx.extent));
   for (; p <= end; p += 64) hwy::Prefetch(p);
 }
 
@@ -450,7 +452,8 @@ class LinearFloat {
       if (LinearEdge(iz, depth)) {
         const int key = clampIndex(iz, depth);
         const float* p = plane(key, &key, 1);
-        for (int y = 0; y < ny; ++y) ConvertRow(p + y * j_.planeStride, nx, DstRow(j_, v_.dst, y, z));
+        for (int y = 0; y < ny; ++y)
+          ConvertRow(p + y * j_.planeStride, nx, DstRow(j_, v_.dst, y, z));
       } else {
         const int keep[2] = {iz, iz + 1};
         const float* p0 = plane(iz, keep, 2);
@@ -683,9 +686,12 @@ void RunTyped(const ResizeJob& j) {
 // The per-target entry: one call per job, the code and type chosen once.
 void RunResize(const ResizeJob& j) {
   switch (j.elemSize) {
-    case 1: return RunTyped<uint8_t>(j);
-    case 2: return RunTyped<uint16_t>(j);
-    default: return RunTyped<float>(j);
+    case 1:
+      return RunTyped<uint8_t>(j);
+    case 2:
+      return RunTyped<uint16_t>(j);
+    default:
+      return RunTyped<float>(j);
   }
 }
 

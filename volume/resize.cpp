@@ -43,8 +43,8 @@ VelStatus resize(const Layout<T>& l, VelrVolume srcVolume, VelrCuboid srcRoi, Ve
   const double factor[3] = {xFactor, yFactor, zFactor};
   const double shift[3] = {xShift, yShift, zShift};
   ResizeSetup setup;
-  const VelStatus status = resizeSetup(anyNull, srcVolume, srcRoi, dstRoi, factor, shift,
-                                       interpolation, &setup);
+  const VelStatus status =
+      resizeSetup(anyNull, srcVolume, srcRoi, dstRoi, factor, shift, interpolation, &setup);
   if (status != velStsNoErr) return status;
 
   ResizeJob job;
@@ -70,7 +70,8 @@ VelStatus resize(const Layout<T>& l, VelrVolume srcVolume, VelrCuboid srcRoi, Ve
 
   const auto run = HWY_DYNAMIC_DISPATCH(RunResize);
   const int threads = ownGetNumThreads();
-  const bool parallel = mayRunInParallel && threads > 1 && setup.axis[0].count() >= kMinParallelExtent &&
+  const bool parallel = mayRunInParallel && threads > 1 &&
+                        setup.axis[0].count() >= kMinParallelExtent &&
                         setup.axis[1].count() >= kMinParallelExtent && nz >= kMinParallelExtent;
   if (!parallel) {
     prepareResizeJob(setup, dstRoi.width, dstRoi.height, dstRoi.depth, pBuffer, &job);
@@ -80,8 +81,8 @@ VelStatus resize(const Layout<T>& l, VelrVolume srcVolume, VelrCuboid srcRoi, Ve
   // Each thread takes the share of the buffer that starts at k / P of the
   // size the query reports for this thread count; with P at most that count
   // every share holds one thread's work area and its alignment margin.
-  const int64_t total = (resizeWorkBytes(dstRoi.width, dstRoi.height, dstRoi.depth, interpolation) + 64) *
-                        threads;
+  const int64_t total =
+      (resizeWorkBytes(dstRoi.width, dstRoi.height, dstRoi.depth, interpolation) + 64) * threads;
   velr::parallelSlabs(threads, nz, [&](int first, int count, int id, int team) {
     ResizeJob mine = job;
     mine.zFirst = first;
@@ -111,9 +112,9 @@ VelStatus resizeV(const T* pSrc, VelrVolume srcVolume, int srcStep, int srcPlane
 
 template <class T>
 VelStatus resizePV(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCuboid srcRoi,
-                   T* const* pDst, int dstStep, VelrCuboid dstRoi, double xFactor,
-                   double yFactor, double zFactor, double xShift, double yShift, double zShift,
-                   int interpolation, Vel8u* pBuffer) {
+                   T* const* pDst, int dstStep, VelrCuboid dstRoi, double xFactor, double yFactor,
+                   double zFactor, double xShift, double yShift, double zShift, int interpolation,
+                   Vel8u* pBuffer) {
   Layout<T> l;
   l.srcPlanes = pSrc;
   l.srcStep = srcStep;
@@ -141,11 +142,11 @@ VelStatus velrResizeGetBufSize(VelrCuboid srcRoi, VelrCuboid dstRoi, int nChanne
   return velStsNoErr;
 }
 
-VelStatus velrResize_8u_C1V(const Vel8u* pSrc, VelrVolume srcVolume, int srcStep,
-                            int srcPlaneStep, VelrCuboid srcRoi, Vel8u* pDst, int dstStep,
-                            int dstPlaneStep, VelrCuboid dstRoi, double xFactor, double yFactor,
-                            double zFactor, double xShift, double yShift, double zShift,
-                            int interpolation, Vel8u* pBuffer) {
+VelStatus velrResize_8u_C1V(const Vel8u* pSrc, VelrVolume srcVolume, int srcStep, int srcPlaneStep,
+                            VelrCuboid srcRoi, Vel8u* pDst, int dstStep, int dstPlaneStep,
+                            VelrCuboid dstRoi, double xFactor, double yFactor, double zFactor,
+                            double xShift, double yShift, double zShift, int interpolation,
+                            Vel8u* pBuffer) {
   return resizeV(pSrc, srcVolume, srcStep, srcPlaneStep, srcRoi, pDst, dstStep, dstPlaneStep,
                  dstRoi, xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer,
                  false);

@@ -19,11 +19,11 @@ namespace velr::vol {
 // edges on either side clamp their taps.
 struct AxisTaps {
   int count = 0;
-  int extent = 0;               // source volume extent N on this axis
-  int32_t* index = nullptr;     // nearest: source index, clamped; others: floor(s)
-  float* frac = nullptr;        // linear, float paths: s - floor(s)
-  uint32_t* fixed = nullptr;    // linear, 8-bit path: w0 | w1 << 16, 14 fractional bits
-  float* weight[4] = {};        // four-tap codes: weights of taps i - 1 .. i + 2
+  int extent = 0;             // source volume extent N on this axis
+  int32_t* index = nullptr;   // nearest: source index, clamped; others: floor(s)
+  float* frac = nullptr;      // linear, float paths: s - floor(s)
+  uint32_t* fixed = nullptr;  // linear, 8-bit path: w0 | w1 << 16, 14 fractional bits
+  float* weight[4] = {};      // four-tap codes: weights of taps i - 1 .. i + 2
   int innerBegin = 0;
   int innerEnd = 0;
   // End of the part of [innerBegin, innerEnd) whose vector loads stay inside

@@ -52,8 +52,8 @@ int64_t resizeWorkBytes(int W, int H, int D, int code) {
     return t + 8 * h * a64(w) + 4 * (a64(2 * w + 64) + a64(8 * (w + h) + 64));
   // The 4W term appears twice on purpose: the size is part of the contract.
   return t + 16 * h * a64(w) +
-         4 * (a64(128 * (w + h) + 192) + a64(4 * w + 192) + a64(4 * w + 192) +
-              a64(4 * h + 192) + a64(4 * d + 192));
+         4 * (a64(128 * (w + h) + 192) + a64(4 * w + 192) + a64(4 * w + 192) + a64(4 * h + 192) +
+              a64(4 * d + 192));
 }
 
 void buildAxisTaps(const ResizeAxis& axis, int code, int extent, bool fixedPoint, int elemSize,
@@ -118,14 +118,16 @@ void buildAxisTaps(const ResizeAxis& axis, int code, int extent, bool fixedPoint
   taps->vectorEnd = e;
 }
 
-void prepareResizeJob(const ResizeSetup& setup, int W, int H, int D, Vel8u* buffer, ResizeJob* job) {
+void prepareResizeJob(const ResizeSetup& setup, int W, int H, int D, Vel8u* buffer,
+                      ResizeJob* job) {
   const int code = job->code;
   const int64_t w = W, h = H, d = D;
   Carver carve(buffer);
   AxisTaps* axes[3] = {&job->x, &job->y, &job->z};
   const int64_t len[3] = {w, h, d};
   const int extent[3] = {job->srcWidth, job->srcHeight, job->srcDepth};
-  for (int k = 0; k < 3; ++k) axes[k]->index = reinterpret_cast<int32_t*>(carve.take(4 * a16(len[k])));
+  for (int k = 0; k < 3; ++k)
+    axes[k]->index = reinterpret_cast<int32_t*>(carve.take(4 * a16(len[k])));
 
   if (code == VELR_INTER_LINEAR) {
     const bool fixedPoint = job->elemSize == 1;

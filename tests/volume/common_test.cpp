@@ -1,3 +1,5 @@
+#include "volume/common.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -5,7 +7,6 @@
 #include <limits>
 
 #include "velr.h"
-#include "volume/common.h"
 #include "volume/kernels.h"
 
 using velr::vol::cubicKernel;
@@ -110,7 +111,8 @@ TEST(ResizeCuboid, EmptyOrNegativeResultsLeaveOutputAlone) {
   EXPECT_EQ(cuboid({0, 0, 0, 4, 4, 4}, &out, 1.0, -100.0), velStsEmptyCuboid);
   EXPECT_TRUE(same(out, kSentinel));
   // Only the y axis is empty; z is still tested after it and not written.
-  EXPECT_EQ(velrGetResizeCuboid({0, 0, 0, 4, 4, 4}, &out, 1, 1, 1, 0, -10, 0, 1), velStsEmptyCuboid);
+  EXPECT_EQ(velrGetResizeCuboid({0, 0, 0, 4, 4, 4}, &out, 1, 1, 1, 0, -10, 0, 1),
+            velStsEmptyCuboid);
   EXPECT_TRUE(same(out, kSentinel));
   // Ends below 0 clamp to 0 before the emptiness test: a region that starts
   // below 0 keeps only its part from 0.
@@ -144,16 +146,16 @@ TEST(ResizeSetup, LimitsByVolumeAndDestinationAndReportsWarnings) {
   EXPECT_EQ(s.axis[0].begin, 8);
   EXPECT_EQ(s.axis[0].end, 12);
   // A destination region narrower than the mapped source limits the result.
-  ASSERT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {0, 0, 0, 6, 6, 6}, {3, 0, 0, 4, 99, 99},
-                                   two, zero, 2, &s),
+  ASSERT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {0, 0, 0, 6, 6, 6}, {3, 0, 0, 4, 99, 99}, two,
+                                   zero, 2, &s),
             velStsNoErr);
   EXPECT_EQ(s.axis[0].begin, 3);
   EXPECT_EQ(s.axis[0].end, 7);
   EXPECT_DOUBLE_EQ(s.axis[0].inv, 0.5);
   // Half-voxel boundaries: 1 * 2 + 0.5 starts at 2, 3 * 2 + 0.5 ends at 7.
   const double half[3] = {0.5, 0.5, 0.5};
-  ASSERT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {1, 1, 1, 2, 2, 2}, {0, 0, 0, 99, 99, 99},
-                                   two, half, 6, &s),
+  ASSERT_EQ(velr::vol::resizeSetup(false, {6, 6, 6}, {1, 1, 1, 2, 2, 2}, {0, 0, 0, 99, 99, 99}, two,
+                                   half, 6, &s),
             velStsNoErr);
   EXPECT_EQ(s.axis[2].begin, 2);
   EXPECT_EQ(s.axis[2].end, 7);
@@ -214,7 +216,8 @@ TEST(CubicKernels, FourWeightsSumToOne) {
 TEST(CubicKernels, SampledTablesAndTheirInterpolation) {
   for (int code = 4; code <= 7; ++code) {
     const float* t = velr::vol::cubicWeightTable(code);
-    for (int k = 0; k <= 200; ++k) EXPECT_EQ(t[k], static_cast<float>(cubicKernel(code, k / 100.0)));
+    for (int k = 0; k <= 200; ++k)
+      EXPECT_EQ(t[k], static_cast<float>(cubicKernel(code, k / 100.0)));
     for (int k = 200; k < velr::vol::kWeightTableSize; ++k) EXPECT_EQ(t[k], 0.0f);
     EXPECT_EQ(velr::vol::sampledWeight(t, 0.5f), t[50]);
     EXPECT_EQ(velr::vol::sampledWeight(t, 3.0f), 0.0f);

@@ -15,10 +15,10 @@ namespace velr::test {
 
 // Source coordinate of one destination coordinate along one axis.
 struct AxisSample {
-  int i;        // nearest: clamped source index; others: floor(s)
-  double t;     // s - floor(s)
-  int w0, w1;   // 14-bit weights of the 8-bit linear path
-  bool edge;    // linear: both taps clamp to the same edge voxel
+  int i;       // nearest: clamped source index; others: floor(s)
+  double t;    // s - floor(s)
+  int w0, w1;  // 14-bit weights of the 8-bit linear path
+  bool edge;   // linear: both taps clamp to the same edge voxel
 };
 
 inline AxisSample sampleAxis(int v, double f, double h, int code, int n) {
@@ -104,7 +104,8 @@ T referenceVoxel(const VoxelFn<T>& src, const int n[3], const double f[3], const
                 tz = static_cast<float>(az.t);
     auto xl = [&](int y, int z) -> float {
       if (ax.edge) return static_cast<float>(at(ax.i, y, z));
-      const float a = static_cast<float>(at(ax.i, y, z)), b = static_cast<float>(at(ax.i + 1, y, z));
+      const float a = static_cast<float>(at(ax.i, y, z)),
+                  b = static_cast<float>(at(ax.i + 1, y, z));
       return a + (b - a) * tx;
     };
     auto yl = [&](int z) -> float {

@@ -37,14 +37,19 @@ class WorkBuffer {
 
 template <class T>
 T sentinel() {
-  if constexpr (sizeof(T) == 1) return 0xA5;
-  else if constexpr (sizeof(T) == 2) return 0xA5A5;
-  else return -12345.5f;
+  if constexpr (sizeof(T) == 1)
+    return 0xA5;
+  else if constexpr (sizeof(T) == 2)
+    return 0xA5A5;
+  else
+    return -12345.5f;
 }
 
 bool sameBits(float a, float b) { return std::memcmp(&a, &b, 4) == 0; }
 template <class T>
-bool sameBits(T a, T b) { return a == b; }
+bool sameBits(T a, T b) {
+  return a == b;
+}
 
 uint64_t nextRandom(uint64_t& s) {
   s += 0x9E3779B97F4A7C15ull;
@@ -180,8 +185,8 @@ VelStatus runResize(const Geometry& g, int code, const Stored<T>& src, Stored<T>
                          g.srcRoi, nullptr, dst.planes(), dst.lineBytes() + stepExtra, 0, g.dstRoi,
                          g.f, g.h, code, buf.get());
   return callResize<T>(src.base(), nullptr, g.src, src.lineBytes() + stepExtra, src.planeBytes(),
-                       g.srcRoi, dst.base(), nullptr, dst.lineBytes() + stepExtra,
-                       dst.planeBytes(), g.dstRoi, g.f, g.h, code, buf.get());
+                       g.srcRoi, dst.base(), nullptr, dst.lineBytes() + stepExtra, dst.planeBytes(),
+                       g.dstRoi, g.f, g.h, code, buf.get());
 }
 
 // The destination volume the reference expects: sentinels outside the
@@ -223,18 +228,48 @@ template <class T>
 // that cuts the mapped one, lines long enough for full vectors on every
 // target.
 const Geometry kGeometries[] = {
-    {"zoom", {9, 7, 6}, {1, 0, 1, 8, 7, 5}, {24, 16, 16}, {0, 0, 0, 24, 16, 16},
-     {2.0, 1.5, 2.5}, {0.3, -0.7, 0.0}},
-    {"shrink into a narrow region", {37, 29, 11}, {0, 0, 0, 37, 29, 11}, {20, 24, 6},
-     {3, 2, 1, 10, 15, 4}, {0.5, 0.75, 0.4}, {0.25, 0.0, -0.3}},
-    {"tiny source", {1, 2, 3}, {0, 0, 0, 1, 2, 3}, {5, 7, 9}, {0, 0, 0, 5, 7, 9},
-     {3.0, 2.5, 2.2}, {0.0, 0.0, 0.0}},
-    {"one source plane", {13, 6, 1}, {0, 0, 0, 13, 6, 1}, {30, 14, 4}, {0, 0, 0, 30, 14, 4},
-     {2.2, 2.0, 3.0}, {0.0, 0.2, 0.0}},
-    {"single source line", {97, 1, 2}, {0, 0, 0, 97, 1, 2}, {230, 3, 4}, {0, 0, 0, 230, 3, 4},
-     {2.37, 3.0, 2.0}, {0.0, 0.0, 0.0}},
-    {"long lines", {70, 5, 4}, {2, 1, 0, 68, 4, 4}, {200, 12, 9}, {5, 0, 1, 190, 12, 7},
-     {2.3, 1.9, 1.7}, {-1.2, 0.0, 0.4}},
+    {"zoom",
+     {9, 7, 6},
+     {1, 0, 1, 8, 7, 5},
+     {24, 16, 16},
+     {0, 0, 0, 24, 16, 16},
+     {2.0, 1.5, 2.5},
+     {0.3, -0.7, 0.0}},
+    {"shrink into a narrow region",
+     {37, 29, 11},
+     {0, 0, 0, 37, 29, 11},
+     {20, 24, 6},
+     {3, 2, 1, 10, 15, 4},
+     {0.5, 0.75, 0.4},
+     {0.25, 0.0, -0.3}},
+    {"tiny source",
+     {1, 2, 3},
+     {0, 0, 0, 1, 2, 3},
+     {5, 7, 9},
+     {0, 0, 0, 5, 7, 9},
+     {3.0, 2.5, 2.2},
+     {0.0, 0.0, 0.0}},
+    {"one source plane",
+     {13, 6, 1},
+     {0, 0, 0, 13, 6, 1},
+     {30, 14, 4},
+     {0, 0, 0, 30, 14, 4},
+     {2.2, 2.0, 3.0},
+     {0.0, 0.2, 0.0}},
+    {"single source line",
+     {97, 1, 2},
+     {0, 0, 0, 97, 1, 2},
+     {230, 3, 4},
+     {0, 0, 0, 230, 3, 4},
+     {2.37, 3.0, 2.0},
+     {0.0, 0.0, 0.0}},
+    {"long lines",
+     {70, 5, 4},
+     {2, 1, 0, 68, 4, 4},
+     {200, 12, 9},
+     {5, 0, 1, 190, 12, 7},
+     {2.3, 1.9, 1.7},
+     {-1.2, 0.0, 0.4}},
 };
 
 template <class T>
@@ -325,8 +360,8 @@ TEST(Resize, ChecksInOrderAndWarningsWriteNothing) {
 }
 
 TEST(Resize, IdentityCopiesTheRegion) {
-  const Geometry g = {"identity", {11, 7, 5}, {2, 1, 1, 8, 5, 3}, {11, 7, 5},
-                      {0, 0, 0, 11, 7, 5}, {1, 1, 1}, {0, 0, 0}};
+  const Geometry g = {"identity",          {11, 7, 5}, {2, 1, 1, 8, 5, 3}, {11, 7, 5},
+                      {0, 0, 0, 11, 7, 5}, {1, 1, 1},  {0, 0, 0}};
   const std::vector<Vel16u> source = randomVolume<Vel16u>(g.src, 5);
   for (int code : {1, 2, 6}) {
     Stored<Vel16u> src(g.src, false), dst(g.src, false);
@@ -410,10 +445,27 @@ TEST(Resize, FloatSlabsGiveTheSameResultForAnyThreadCount) {
   // 16 x 16 x 16 splits into slabs, 16 x 16 x 15 stays on the calling
   // thread, 30 x 27 x 25 leaves uneven remainders.
   const Geometry geometries[] = {
-      {"16^3", {8, 8, 8}, {0, 0, 0, 8, 8, 8}, {16, 16, 16}, {0, 0, 0, 16, 16, 16}, {2, 2, 2}, {0, 0, 0}},
-      {"16x16x15", {8, 8, 8}, {0, 0, 0, 8, 8, 8}, {16, 16, 16}, {0, 0, 0, 16, 16, 15}, {2, 2, 2}, {0, 0, 0}},
-      {"uneven", {12, 11, 10}, {0, 0, 0, 12, 11, 10}, {31, 28, 26}, {1, 1, 1, 30, 27, 25},
-       {2.5, 2.5, 2.5}, {0.5, 0.2, 0.7}},
+      {"16^3",
+       {8, 8, 8},
+       {0, 0, 0, 8, 8, 8},
+       {16, 16, 16},
+       {0, 0, 0, 16, 16, 16},
+       {2, 2, 2},
+       {0, 0, 0}},
+      {"16x16x15",
+       {8, 8, 8},
+       {0, 0, 0, 8, 8, 8},
+       {16, 16, 16},
+       {0, 0, 0, 16, 16, 15},
+       {2, 2, 2},
+       {0, 0, 0}},
+      {"uneven",
+       {12, 11, 10},
+       {0, 0, 0, 12, 11, 10},
+       {31, 28, 26},
+       {1, 1, 1, 30, 27, 25},
+       {2.5, 2.5, 2.5},
+       {0.5, 0.2, 0.7}},
   };
   for (const Geometry& g : geometries) {
     const std::vector<float> source = randomVolume<float>(g.src, 21);
