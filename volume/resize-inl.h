@@ -90,11 +90,36 @@ HWY_INLINE VI WordLane(VI word) {
   return hn::And(hn::ShiftRight<16 * k>(word), hn::Set(di, 0xFFFF));
 }
 
+#if HWY_TARGET != HWY_SCALAR
+// The 64-bit words at byte offsets `bytes`, one per lane, split into their
+// low and high 32-bit halves. Gathers cost per element, so fetching two
+// neighbouring voxels as one element halves the cost of the x passes.
+HWY_INLINE void GatherPairs(const void* base, VI bytes, VI& low, VI& high) {
+  const DI di;
+  const hn::Half<DI> dh;
+  const hn::Repartition<int64_t, DI> d64;
+  const int64_t* p = static_cast<const int64_t*>(base);
+  const VI w0 =
+      hn::BitCast(di, hn::GatherOffset(d64, p, hn::PromoteTo(d64, hn::LowerHalf(dh, bytes))));
+  const VI w1 =
+      hn::BitCast(di, hn::GatherOffset(d64, p, hn::PromoteTo(d64, hn::UpperHalf(dh, bytes))));
+  low = hn::ConcatEven(di, w1, w0);
+  high = hn::ConcatOdd(di, w1, w0);
+}
+#endif
+
 // Voxels i and i + 1 as floats.
 HWY_INLINE void FetchPair(const float* src, VI i, VF& a, VF& b) {
   const DF df;
+#if HWY_TARGET != HWY_SCALAR
+  VI low, high;
+  GatherPairs(src, hn::ShiftLeft<2>(i), low, high);
+  a = hn::BitCast(df, low);
+  b = hn::BitCast(df, high);
+#else
   a = hn::GatherIndex(df, src, i);
   b = hn::GatherIndex(df, src + 1, i);
+#endif
 }
 HWY_INLINE void FetchPair(const uint16_t* src, VI i, VF& a, VF& b) {
   const DF df;
@@ -108,17 +133,30 @@ HWY_INLINE void FetchPair(const uint16_t* src, VI i, VF& a, VF& b) {
 HWY_INLINE void FetchFour(const float* src, VI i, VF p[4]) {
   const DF df;
   const DI di;
-  p[0] = hn::GatherIndex(df, src, hn::Sub(i, hn::Set(di, 1)));
+  const VI before = hn::Sub(i, hn::Set(di, 1));
+#if HWY_TARGET != HWY_SCALAR
+  VI w[4];
+  GatherPairs(src, hn::ShiftLeft<2>(before), w[0], w[1]);
+  GatherPairs(src, hn::ShiftLeft<2>(hn::Add(i, hn::Set(di, 1))), w[2], w[3]);
+  for (int k = 0; k < 4; ++k) p[k] = hn::BitCast(df, w[k]);
+#else
+  p[0] = hn::GatherIndex(df, src, before);
   p[1] = hn::GatherIndex(df, src, i);
   p[2] = hn::GatherIndex(df, src + 1, i);
   p[3] = hn::GatherIndex(df, src + 2, i);
+#endif
 }
 HWY_INLINE void FetchFour(const uint16_t* src, VI i, VF p[4]) {
   const DF df;
   const DI di;
-  const VI twice = hn::Add(i, i);
-  const VI lo = hn::GatherOffset(di, Words(src), hn::Sub(twice, hn::Set(di, 2)));
-  const VI hi = hn::GatherOffset(di, Words(src), hn::Add(twice, hn::Set(di, 2)));
+  const VI before = hn::Add(hn::Sub(i, hn::Set(di, 1)), hn::Sub(i, hn::Set(di, 1)));
+  VI lo, hi;
+#if HWY_TARGET != HWY_SCALAR
+  GatherPairs(src, before, lo, hi);
+#else
+  lo = hn::GatherOffset(di, Words(src), before);
+  hi = hn::GatherOffset(di, Words(src), hn::Add(before, hn::Set(di, 4)));
+#endif
   p[0] = hn::ConvertTo(df, WordLane<0>(lo));
   p[1] = hn::ConvertTo(df, WordLane<1>(lo));
   p[2] = hn::ConvertTo(df, WordLane<0>(hi));
