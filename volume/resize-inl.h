@@ -382,6 +382,41 @@ void Blend16Rows(const int16_t* HWY_RESTRICT r0, const int16_t* HWY_RESTRICT r1,
   }
 }
 
+// ---------------------------------------------------------------- streamed rows
+
+// A destination far larger than the caches is not read back soon, and
+// ordinary stores would first read every destination line into the cache
+// only to overwrite it. Such calls produce each row in a cache-resident row
+// buffer and stream it out from there with non-temporal stores.
+HWY_INLINE void StreamBytes(const uint8_t* HWY_RESTRICT src, uint8_t* HWY_RESTRICT dst,
+                            size_t bytes) {
+  const hn::ScalableTag<uint8_t> d8;
+  const size_t lanes = hn::Lanes(d8);
+  size_t head = (lanes - reinterpret_cast<uintptr_t>(dst) % lanes) % lanes;
+  if (head > bytes) head = bytes;
+  std::memcpy(dst, src, head);
+  size_t k = head;
+  for (; k + lanes <= bytes; k += lanes) hn::Stream(hn::LoadU(d8, src + k), d8, dst + k);
+  std::memcpy(dst + k, src + k, bytes - k);
+}
+
+template <class T, class Produce>
+HWY_INLINE void WriteRow(const ResizeJob& j, T* HWY_RESTRICT dst, const Produce& produce) {
+  if (!j.streamRows) {
+    produce(dst);
+    return;
+  }
+  T* row = static_cast<T*>(j.row);
+  produce(row);
+  StreamBytes(reinterpret_cast<const uint8_t*>(row), reinterpret_cast<uint8_t*>(dst),
+              static_cast<size_t>(j.x.count) * sizeof(T));
+}
+
+// Makes the streamed rows of a job globally ordered before it returns.
+HWY_INLINE void FinishRows(const ResizeJob& j) {
+  if (j.streamRows) hwy::FlushStream();
+}
+
 // ---------------------------------------------------------------- drivers
 
 // A few cached lines or planes, keyed by their (clamped) source index.
@@ -491,7 +526,8 @@ class LinearFloat {
         const int key = clampIndex(iz, depth);
         const float* p = plane(key, &key, 1);
         for (int y = 0; y < ny; ++y)
-          ConvertRow(p + y * j_.planeStride, nx, DstRow(j_, v_.dst, y, z));
+          WriteRow(j_, DstRow(j_, v_.dst, y, z),
+                   [&](T* out) { ConvertRow(p + y * j_.planeStride, nx, out); });
       } else {
         const int keep[2] = {iz, iz + 1};
         const float* p0 = plane(iz, keep, 2);
@@ -499,7 +535,8 @@ class LinearFloat {
         const float t = j_.z.frac[z];
         for (int y = 0; y < ny; ++y) {
           const ptrdiff_t o = y * j_.planeStride;
-          LerpRows(p0 + o, p1 + o, t, nx, DstRow(j_, v_.dst, y, z));
+          WriteRow(j_, DstRow(j_, v_.dst, y, z),
+                   [&](T* out) { LerpRows(p0 + o, p1 + o, t, nx, out); });
         }
       }
     }
@@ -578,7 +615,8 @@ class Linear8 {
       const int16_t* p1 = plane(iz + 1, keep);
       for (int y = 0; y < ny; ++y) {
         const ptrdiff_t o = y * j_.planeStride;
-        Blend16Rows<20>(p0 + o, p1 + o, j_.z.fixed[z], nx, DstRow(j_, v_.dst, y, z));
+        WriteRow(j_, DstRow(j_, v_.dst, y, z),
+                 [&](uint8_t* out) { Blend16Rows<20>(p0 + o, p1 + o, j_.z.fixed[z], nx, out); });
       }
     }
   }
@@ -663,7 +701,7 @@ class Cubic {
       for (int y = 0; y < ny; ++y) {
         const ptrdiff_t o = y * j_.planeStride;
         const float* rows[4] = {p[0] + o, p[1] + o, p[2] + o, p[3] + o};
-        Cubic4Rows(rows, w, nx, DstRow(j_, v_.dst, y, z));
+        WriteRow(j_, DstRow(j_, v_.dst, y, z), [&](T* out) { Cubic4Rows(rows, w, nx, out); });
       }
     }
   }
@@ -723,14 +761,13 @@ void RunTyped(const ResizeJob& j) {
 
 // The per-target entry: one call per job, the code and type chosen once.
 void RunResize(const ResizeJob& j) {
-  switch (j.elemSize) {
-    case 1:
-      return RunTyped<uint8_t>(j);
-    case 2:
-      return RunTyped<uint16_t>(j);
-    default:
-      return RunTyped<float>(j);
-  }
+  if (j.elemSize == 1)
+    RunTyped<uint8_t>(j);
+  else if (j.elemSize == 2)
+    RunTyped<uint16_t>(j);
+  else
+    RunTyped<float>(j);
+  FinishRows(j);
 }
 
 }  // namespace velr::vol::HWY_NAMESPACE

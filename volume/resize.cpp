@@ -24,6 +24,11 @@ namespace {
 // than it saves, so the call stays on the calling thread.
 constexpr int kMinParallelExtent = 16;
 
+// Results at least this large (the size of a large last-level cache) are
+// streamed past the caches (see WriteRow); smaller ones are likely still
+// cached when the caller reads them, and ordinary stores serve them better.
+constexpr int64_t kStreamBytes = int64_t{32} << 20;
+
 template <class T>
 struct Layout {
   const T* srcBase = nullptr;
@@ -67,6 +72,10 @@ VelStatus resize(const Layout<T>& l, VelrVolume srcVolume, VelrCuboid srcRoi, Ve
   const int nz = setup.axis[2].count();
   job.zFirst = 0;
   job.zCount = nz;
+  job.streamRows = interpolation != VELR_INTER_NEAREST && int64_t{setup.axis[0].count()} *
+                                                                  setup.axis[1].count() * nz *
+                                                                  static_cast<int64_t>(sizeof(T)) >=
+                                                              kStreamBytes;
 
   const auto run = HWY_DYNAMIC_DISPATCH(RunResize);
   const int threads = ownGetNumThreads();

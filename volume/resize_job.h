@@ -68,6 +68,11 @@ struct ResizeJob {
   void* planes[4] = {};
   ptrdiff_t planeStride = 0;
   void* lines[4] = {};
+
+  // Large results: each destination row is produced in `row` (one line of
+  // A16(W) floats) and streamed out with non-temporal stores.
+  bool streamRows = false;
+  void* row = nullptr;
 };
 
 // Bytes of work buffer a resize into a W x H x D destination region needs

@@ -143,6 +143,7 @@ void prepareResizeJob(const ResizeSetup& setup, int W, int H, int D, Vel8u* buff
     for (int k = 0; k < 2; ++k) job->planes[k] = planes + k * 4 * h * a64(w);
     Vel8u* lines = carve.take(4 * a64(2 * w + 64));
     for (int k = 0; k < 2; ++k) job->lines[k] = lines + k * 4 * a16(w);
+    job->row = carve.take(4 * a64(8 * (w + h) + 64));
   } else if (code != VELR_INTER_NEAREST) {
     carve.take(4 * (a64(w) + a64(h) + a64(d)));  // fractions: the weights replace them
     job->planeStride = a64(w);
@@ -155,7 +156,7 @@ void prepareResizeJob(const ResizeSetup& setup, int W, int H, int D, Vel8u* buff
     }
     Vel8u* lines = carve.take(4 * a64(4 * w + 192));
     for (int k = 0; k < 4; ++k) job->lines[k] = lines + k * 4 * a16(w);
-    carve.take(4 * a64(4 * w + 192));
+    job->row = carve.take(4 * a64(4 * w + 192));
     carve.take(4 * a64(4 * h + 192));
     Vel8u* zw = carve.take(4 * a64(4 * d + 192));
     for (int k = 0; k < 4; ++k) job->z.weight[k] = reinterpret_cast<float*>(zw + k * 4 * a16(d));
