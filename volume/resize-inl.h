@@ -5,9 +5,10 @@
 // taps lie inside the volume in vector form and the edges (and the vector
 // tail) in the one-element form, which computes exactly the same values.
 //
-// 8- and 16-bit voxels are fetched as 32-bit words at their byte offsets and
-// split into lanes, which is why the tap tables carry a vectorEnd: the word of
-// the last few coordinates could reach past the line.
+// Neighbouring taps are gathered together: 8- and 16-bit voxels as 32- or
+// 64-bit words at their byte offsets, float pairs as 64-bit words, then split
+// into lanes. A word may reach past the last tap, which is why the tap tables
+// carry a vectorEnd that keeps the last few coordinates on the scalar form.
 
 #if defined(VELR_VOLUME_RESIZE_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef VELR_VOLUME_RESIZE_INL_H_
