@@ -72,10 +72,9 @@ VelStatus resize(const Layout<T>& l, VelrVolume srcVolume, VelrCuboid srcRoi, Ve
   const int nz = setup.axis[2].count();
   job.zFirst = 0;
   job.zCount = nz;
-  job.streamRows = interpolation != VELR_INTER_NEAREST && int64_t{setup.axis[0].count()} *
-                                                                  setup.axis[1].count() * nz *
-                                                                  static_cast<int64_t>(sizeof(T)) >=
-                                                              kStreamBytes;
+  const int64_t resultBytes =
+      int64_t{setup.axis[0].count()} * setup.axis[1].count() * nz * static_cast<int64_t>(sizeof(T));
+  job.streamRows = interpolation != VELR_INTER_NEAREST && resultBytes >= kStreamBytes;
 
   const auto run = HWY_DYNAMIC_DISPATCH(RunResize);
   const int threads = ownGetNumThreads();
