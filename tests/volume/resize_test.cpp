@@ -528,3 +528,39 @@ TEST(Resize, LargeResultsStreamedPastTheCachesAreExact) {
   check(float{}, {103, 104, 100}, 6);
   check(Vel8u{}, {103, 104, 400}, 2);
 }
+
+TEST(Resize, OnlyFloatVolumesOfSixteenPlanesAndMoreSplitIntoSlabs) {
+  // Each thread works in its own share of the buffer, the second one in the
+  // upper half with two threads: whether that half is touched tells whether
+  // the call ran in slabs.
+  velSetNumThreads(2);
+  const std::vector<float> src(8 * 8 * 8, 1.0f);
+  std::vector<float> dst(16 * 16 * 16);
+  std::vector<const float*> srcPlanes(8);
+  std::vector<float*> dstPlanes(16);
+  for (int z = 0; z < 8; ++z) srcPlanes[z] = &src[z * 64];
+  for (int z = 0; z < 16; ++z) dstPlanes[z] = &dst[z * 256];
+  // Sized for two threads throughout, also when one thread is granted.
+  int size = 0;
+  EXPECT_EQ(velrResizeGetBufSize({0, 0, 0, 8, 8, 8}, {0, 0, 0, 16, 16, 16}, 1, 2, &size),
+            velStsNoErr);
+  auto upperHalfTouched = [&](VelrCuboid dr, bool planar) {
+    std::vector<Vel8u> buf(size, 0xEE);
+    const VelStatus st =
+        planar ? velrResize_32f_C1PV(srcPlanes.data(), {8, 8, 8}, 32, {0, 0, 0, 8, 8, 8},
+                                     dstPlanes.data(), 64, dr, 2, 2, 2, 0, 0, 0, 2, buf.data())
+               : velrResize_32f_C1V(src.data(), {8, 8, 8}, 32, 256, {0, 0, 0, 8, 8, 8}, dst.data(),
+                                    64, 1024, dr, 2, 2, 2, 0, 0, 0, 2, buf.data());
+    EXPECT_EQ(st, velStsNoErr);
+    for (size_t k = buf.size() / 2 + 64; k < buf.size(); ++k)
+      if (buf[k] != 0xEE) return true;
+    return false;
+  };
+  EXPECT_TRUE(upperHalfTouched({0, 0, 0, 16, 16, 16}, false));
+  EXPECT_FALSE(upperHalfTouched({0, 0, 0, 16, 16, 15}, false));
+  EXPECT_FALSE(upperHalfTouched({0, 0, 0, 15, 16, 16}, false));
+  EXPECT_FALSE(upperHalfTouched({0, 0, 0, 16, 16, 16}, true));
+  velSetNumThreads(1);
+  EXPECT_FALSE(upperHalfTouched({0, 0, 0, 16, 16, 16}, false));
+  velSetNumThreads(0);
+}
