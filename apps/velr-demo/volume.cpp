@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "error.h"
@@ -39,43 +40,62 @@ struct Ellipsoid {
   double value;    // added inside
 };
 
-// Nested ellipsoids in the manner of the classic head phantoms: skull,
-// brain, two ventricles and a handful of small features, in [-1, 1]^3.
+// Nested ellipsoids in the manner of the classic head phantoms (skull,
+// brain, two ventricles and a handful of small features) in [-1, 1]^3. The
+// skull is kept well below the beads so that projections show what is
+// inside it.
 constexpr Ellipsoid kEllipsoids[] = {
-    {{0, 0, 0}, {0.69, 0.92, 0.81}, 0, 1.0},
-    {{0, -0.0184, 0}, {0.6624, 0.874, 0.78}, 0, -0.8},
-    {{0.22, 0, 0}, {0.11, 0.31, 0.22}, -18, -0.2},
-    {{-0.22, 0, 0}, {0.16, 0.41, 0.28}, 18, -0.2},
-    {{0, 0.35, -0.15}, {0.21, 0.25, 0.41}, 0, 0.1},
-    {{0, 0.1, 0.25}, {0.08, 0.08, 0.09}, 0, 0.15},
-    {{0, -0.1, 0.25}, {0.08, 0.08, 0.09}, 0, 0.15},
-    {{-0.08, -0.605, 0}, {0.046, 0.023, 0.05}, 0, 0.1},
-    {{0, -0.606, 0}, {0.023, 0.023, 0.02}, 0, 0.1},
-    {{0.06, -0.605, 0}, {0.023, 0.046, 0.02}, 0, 0.1},
+    {{0, 0, 0}, {0.69, 0.92, 0.81}, 0, 0.6},
+    {{0, -0.0184, 0}, {0.6624, 0.874, 0.78}, 0, -0.3},
+    {{0.22, 0, 0}, {0.11, 0.31, 0.22}, -18, -0.18},
+    {{-0.22, 0, 0}, {0.16, 0.41, 0.28}, 18, -0.18},
+    {{0, 0.35, -0.15}, {0.21, 0.25, 0.41}, 0, 0.12},
+    {{0, 0.1, 0.25}, {0.08, 0.08, 0.09}, 0, 0.2},
+    {{0, -0.1, 0.25}, {0.08, 0.08, 0.09}, 0, 0.2},
+    {{-0.08, -0.605, 0}, {0.046, 0.023, 0.05}, 0, 0.15},
+    {{0, -0.606, 0}, {0.023, 0.023, 0.02}, 0, 0.15},
+    {{0.06, -0.605, 0}, {0.023, 0.046, 0.02}, 0, 0.15},
 };
 
-double phantomAt(double x, double y, double z) {
-  double v = 0.0;
-  for (const Ellipsoid& e : kEllipsoids) {
-    const double c = std::cos(e.degrees * M_PI / 180.0), s = std::sin(e.degrees * M_PI / 180.0);
-    const double dx = x - e.centre[0], dy = y - e.centre[1], dz = z - e.centre[2];
-    const double u = (c * dx + s * dy) / e.axes[0];
-    const double w = (-s * dx + c * dy) / e.axes[1];
-    const double t = dz / e.axes[2];
-    if (u * u + w * w + t * t <= 1.0) v += e.value;
+// A helix of bright beads winding up through the brain: it shows the
+// rotation and the swirl clearly in the projections.
+constexpr int kBeads = 14;
+constexpr double kBeadRadius = 0.045;
+
+struct Phantom {
+  double cosine[std::size(kEllipsoids)], sine[std::size(kEllipsoids)];
+  double bead[kBeads][3];
+
+  Phantom() {
+    for (std::size_t e = 0; e < std::size(kEllipsoids); ++e) {
+      cosine[e] = std::cos(kEllipsoids[e].degrees * M_PI / 180.0);
+      sine[e] = std::sin(kEllipsoids[e].degrees * M_PI / 180.0);
+    }
+    for (int b = 0; b < kBeads; ++b) {
+      const double f = double(b) / (kBeads - 1), a = 2.2 * M_PI * f;
+      bead[b][0] = 0.38 * std::cos(a);
+      bead[b][1] = 0.38 * std::sin(a) - 0.05;
+      bead[b][2] = -0.5 + f;
+    }
   }
-  // A helix of bright beads winding up through the brain: it shows the
-  // rotation and the swirl clearly in the projections.
-  constexpr int kBeads = 14;
-  for (int b = 0; b < kBeads; ++b) {
-    const double f = double(b) / (kBeads - 1);
-    const double a = 2.2 * M_PI * f;
-    const double bx = 0.38 * std::cos(a), by = 0.38 * std::sin(a) - 0.05, bz = -0.5 + f;
-    const double d2 = (x - bx) * (x - bx) + (y - by) * (y - by) + (z - bz) * (z - bz);
-    if (d2 <= 0.045 * 0.045) v = std::max(v, 0.95);
+
+  double at(double x, double y, double z) const {
+    double v = 0.0;
+    for (std::size_t e = 0; e < std::size(kEllipsoids); ++e) {
+      const Ellipsoid& el = kEllipsoids[e];
+      const double dx = x - el.centre[0], dy = y - el.centre[1], dz = z - el.centre[2];
+      const double u = (cosine[e] * dx + sine[e] * dy) / el.axes[0];
+      const double w = (-sine[e] * dx + cosine[e] * dy) / el.axes[1];
+      const double t = dz / el.axes[2];
+      if (u * u + w * w + t * t <= 1.0) v += el.value;
+    }
+    for (const auto& b : bead) {
+      const double d2 = (x - b[0]) * (x - b[0]) + (y - b[1]) * (y - b[1]) + (z - b[2]) * (z - b[2]);
+      if (d2 <= kBeadRadius * kBeadRadius) v = 1.0;
+    }
+    return std::clamp(v, 0.0, 1.0);
   }
-  return std::clamp(v, 0.0, 1.0);
-}
+};
 
 // ---------------------------------------------------------------- NIfTI-1
 
@@ -147,13 +167,14 @@ std::vector<float*> Volume::planes() {
 }
 
 Volume makePhantom(int n) {
+  const Phantom phantom;
   Volume v(n, n, n);
 #pragma omp parallel for schedule(static)
   for (int z = 0; z < n; ++z)
     for (int y = 0; y < n; ++y)
       for (int x = 0; x < n; ++x) {
         auto world = [n](int i) { return 2.0 * (i + 0.5) / n - 1.0; };
-        v.plane(z)[std::size_t(y) * n + x] = static_cast<float>(phantomAt(world(x), world(y), world(z)));
+        v.plane(z)[std::size_t(y) * n + x] = static_cast<float>(phantom.at(world(x), world(y), world(z)));
       }
   return v;
 }
