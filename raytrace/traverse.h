@@ -1,0 +1,196 @@
+// The one-ray traversal and triangle test that every intersection query is
+// built from. A query supplies the ray's interval (its box test), the margin
+// of the split comparisons, what a triangle test does for it and the distance
+// beyond which the ray is finished; the traversal itself exists once.
+//
+// All arithmetic is single precision in a fixed order: the packet kernels
+// (traverse-inl.h) repeat it lane by lane and must agree bit for bit.
+#pragma once
+
+#include <cmath>
+
+#include "raytrace/kdtree_format.h"
+#include "velr.h"
+
+namespace velr::rt {
+
+// Direction components at most this large count as parallel to the axis.
+inline constexpr float kParallelLimit = 1.1920928955078125e-07f;
+// Inverse given to a parallel axis by the queries that clip against the box
+// with divisions (their split distances then run far off in either direction).
+inline constexpr float kParallelInverseWide = 838860800.0f;
+// Split comparisons tolerate this much, so a ray that meets a split plane
+// within rounding visits both children rather than miss a triangle on it.
+inline constexpr float kSplitMargin = 0.00001f;
+// Added to the exit distance after clipping, for hits just behind the box.
+inline constexpr float kExitSlack = 0.0001f;
+
+// min and max as compare-and-select: with a NaN operand they keep the second
+// operand in every form (the packet kernels use the same selection).
+inline float minOf(float a, float b) { return a < b ? a : b; }
+inline float maxOf(float a, float b) { return a > b ? a : b; }
+
+// A ray prepared for traversal: per-axis inverse and sign (1 for a negative
+// direction, visiting the upper child first) and its interval.
+struct RayPath {
+  float inv[3];
+  int sign[3];
+  float tnear, tfar;
+};
+
+// Origin and direction with a fourth zero component, so that a record with a
+// malformed axis field reads a defined value rather than past the array.
+struct Ray {
+  float o[4];
+  float d[4];
+};
+
+// Slab clip with divisions, axes in the order x, y, z. A parallel axis gets a
+// large inverse and sign 0 and its slab is not tested at all. Returns false
+// when the ray misses; the interval is then meaningless.
+inline bool clipDivided(const float* box, const Ray& ray, float dist, RayPath* p) {
+  p->tnear = 0.0f;
+  p->tfar = dist;
+  for (int a = 0; a < 3; ++a) {
+    const float d = ray.d[a];
+    if (std::fabs(d) <= kParallelLimit) {
+      p->inv[a] = kParallelInverseWide;
+      p->sign[a] = 0;
+      continue;
+    }
+    const float t1 = (box[a] - ray.o[a]) / d;
+    const float t2 = (box[3 + a] - ray.o[a]) / d;
+    p->inv[a] = 1.0f / d;
+    p->sign[a] = d < 0.0f ? 1 : 0;
+    p->tnear = maxOf(minOf(t1, t2), p->tnear);
+    p->tfar = minOf(maxOf(t1, t2), p->tfar);
+    if (p->tnear > p->tfar) return false;
+  }
+  p->tfar = p->tfar + kExitSlack;
+  return true;
+}
+
+// The geometry of one ray against one record: the plane term den, the
+// distance numerator num and the two scaled weights b1, b2 of vertices A and
+// B (the true weights are b / den). Valid for records with a non-zero axes
+// word only.
+struct TriangleTerms {
+  float den, num, b1, b2;
+};
+
+inline TriangleTerms triangleTerms(const VelrTriangleAccel& r, const Ray& ray) {
+  const int k = static_cast<int>((r.axes >> 4) & 3u);
+  const int u = static_cast<int>((r.axes >> 2) & 3u);
+  const int v = static_cast<int>(r.axes & 3u);
+  const float* o = ray.o;
+  const float* d = ray.d;
+  TriangleTerms t;
+  t.den = r.nu * d[u] + r.nv * d[v] + d[k];
+  const float ou = r.cu - o[u];
+  const float ov = r.cv - o[v];
+  t.num = r.ck + r.nu * ou + r.nv * ov - o[k];
+  const float hu = d[u] * t.num - ou * t.den;
+  const float hv = d[v] * t.num - ov * t.den;
+  t.b1 = r.bv * hu - r.bu * hv;
+  t.b2 = r.au * hv - r.av * hu;
+  return t;
+}
+
+// The ray passes through the triangle (edges included) when the three scaled
+// weights do not differ in sign.
+inline bool inside(const TriangleTerms& t) {
+  const float b0 = t.den - t.b1 - t.b2;
+  return b0 * t.b1 >= 0.0f && t.b1 * t.b2 >= 0.0f && b0 * t.b2 >= 0.0f;
+}
+
+// Walks the tree front to back along one ray. The query provides
+//   bool test(Vel32s triangle)  -- true ends the ray at once;
+//   float limit()               -- a leaf whose exit lies at or beyond it
+//                                  ends the ray.
+template <class Query>
+inline void traverse(const VelrKDTreeNode* root, const Ray& ray, const RayPath& path, float margin,
+                     Query& q) {
+  const VelrKDTreeNode* stackNode[kd::kStackCapacity];
+  float stackFar[kd::kStackCapacity];
+  int sp = 0;
+  const VelrKDTreeNode* node = root;
+  float tnear = path.tnear;
+  float tfar = path.tfar;
+  for (;;) {
+    while (!kd::isLeaf(node)) {
+      const int a = kd::splitAxis(node);
+      const float tsplit = (kd::splitPosition(node) - ray.o[a]) * path.inv[a];
+      const VelrKDTreeNode* lower = kd::lowerChild(node);
+      const VelrKDTreeNode* nearChild = lower + path.sign[a];
+      const VelrKDTreeNode* farChild = lower + (1 - path.sign[a]);
+      if (tnear - tsplit > margin) {
+        node = farChild;
+      } else if (tsplit - tfar > margin) {
+        node = nearChild;
+      } else {
+        // A well-formed tree never fills the stack; a malformed one loses
+        // far children rather than memory beyond it.
+        if (sp < kd::kStackCapacity) {
+          stackNode[sp] = farChild;
+          stackFar[sp] = tfar;
+          ++sp;
+        }
+        tfar = maxOf(tnear, minOf(tsplit, tfar));
+        node = nearChild;
+      }
+    }
+    Vel32s scratch[3];
+    const Vel32s* list;
+    const int count = kd::leafTriangles(node, scratch, &list);
+    for (int i = 0; i < count; ++i)
+      if (q.test(list[i])) return;
+    if (sp == 0 || tfar >= q.limit()) return;
+    tnear = tfar;
+    --sp;
+    node = stackNode[sp];
+    tfar = stackFar[sp];
+  }
+}
+
+// Nearest hit: the closest triangle with 0 < t < the ray's distance.
+struct NearestHit {
+  const VelrTriangleAccel* records;
+  const Ray* ray;
+  float dist;
+  float w1, w2;
+  Vel32s triangle;
+
+  bool test(Vel32s n) {
+    const VelrTriangleAccel& r = records[n];
+    if (r.axes == 0) return false;
+    const TriangleTerms t = triangleTerms(r, *ray);
+    if (!inside(t)) return false;
+    const float dt = t.num / t.den;
+    if (dist > dt && dt > 0.0f) {
+      dist = dt;
+      w1 = t.b1 / t.den;
+      w2 = t.b2 / t.den;
+      triangle = n;
+    }
+    return false;
+  }
+  float limit() const { return dist; }
+};
+
+// One eye ray: clip, traverse, and write the outputs of a hit. The triangle
+// index is -1 for a miss; distance and weights then stay as they were.
+inline void traceEyeRay(const VelrIntersectObject& obj, const Ray& ray, Vel32f* dist, Vel32f* w1,
+                        Vel32f* w2, Vel32s* triangle) {
+  *triangle = -1;
+  RayPath path;
+  if (!clipDivided(obj.pBound, ray, *dist, &path)) return;
+  NearestHit q{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1};
+  traverse(obj.pRootNode, ray, path, kSplitMargin, q);
+  if (q.triangle < 0) return;
+  *dist = q.dist;
+  *w1 = q.w1;
+  *w2 = q.w2;
+  *triangle = q.triangle;
+}
+
+}  // namespace velr::rt
