@@ -100,7 +100,7 @@ inline TriangleTerms triangleTerms(const VelrTriangleAccel& r, const Ray& ray) {
 // weights do not differ in sign.
 inline bool inside(const TriangleTerms& t) {
   const float b0 = t.den - t.b1 - t.b2;
-  return b0 * t.b1 >= 0.0f && t.b1 * t.b2 >= 0.0f && b0 * t.b2 >= 0.0f;
+  return (b0 * t.b1 >= 0.0f) & (t.b1 * t.b2 >= 0.0f) & (b0 * t.b2 >= 0.0f);
 }
 
 // Walks the tree front to back along one ray. The query provides
@@ -164,9 +164,9 @@ struct NearestHit {
     const VelrTriangleAccel& r = records[n];
     if (r.axes == 0) return false;
     const TriangleTerms t = triangleTerms(r, *ray);
-    if (!inside(t)) return false;
+    // One branch for the whole test: most triangles fail it, in no pattern.
     const float dt = t.num / t.den;
-    if (dist > dt && dt > 0.0f) {
+    if (inside(t) & (dist > dt) & (dt > 0.0f)) {
       dist = dt;
       w1 = t.b1 / t.den;
       w2 = t.b2 / t.den;
