@@ -33,10 +33,14 @@ VelStatus velrKDTreeBuildAlloc(VelrKDTreeNode** ppTree, const Vel32f* pVertexCoo
     if (pOpt->maxDepth > kMaxDepthAccepted || q < 0.0f || q > 1.0f) return velStsOutOfRangeErr;
     if (static_cast<Vel32u>(pOpt->memoryLimitMB << 19) < kMinBudgetHalfMegabytes)
       return velStsNoMemErr;
-    // The flags' alternative path is the same builder here: there is one
-    // construction, and it is the fast one.
+    // Non-zero flags select the construction that opens no parallel region:
+    // the per-axis searches of large nodes then run one after another in the
+    // calling thread. It builds the same tree; it suits callers that build
+    // several meshes in threads of their own, or share the machine, where a
+    // team per large node mostly waits for its threads to be scheduled.
     const velr::kd::FullBuildOptions options{
-        pOpt->maxDepth, q, static_cast<std::uint64_t>(pOpt->memoryLimitMB) << 20};
+        pOpt->maxDepth, q, static_cast<std::uint64_t>(pOpt->memoryLimitMB) << 20,
+        pOpt->flags != 0};
     return velr::kd::buildFull(pVertexCoord, pTrnglIndex, cntVertex, cntTrngl, options, ppTree,
                                pLength, nullptr);
   }

@@ -250,12 +250,13 @@ inline Vel32u sortKey(float f) {
   return (b & 0x80000000u) ? ~b : (b | 0x80000000u);
 }
 
-// Writes the numbers 0 .. n-1 ordered by value, ties by number (the LSD
-// passes are stable and start from ascending numbers). scratch holds 4n.
-void sortByValue(const float* value, int n, int* out, int* scratch) {
-  Vel32u* k0 = reinterpret_cast<Vel32u*>(scratch);
-  Vel32u* k1 = k0 + n;
-  int* i0 = scratch + 2 * static_cast<std::int64_t>(n);
+// Writes the numbers 0 .. n-1 ordered by key, ties by number (the LSD passes
+// are stable and start from ascending numbers). keys is overwritten; scratch
+// holds 3n.
+void sortByKey(Vel32u* keys, int n, int* out, int* scratch) {
+  Vel32u* k0 = keys;
+  Vel32u* k1 = reinterpret_cast<Vel32u*>(scratch);
+  int* i0 = scratch + static_cast<std::int64_t>(n);
   int* i1 = i0 + n;
   constexpr int kBits = 11;
   constexpr int kBuckets = 1 << kBits;
@@ -264,8 +265,7 @@ void sortByValue(const float* value, int n, int* out, int* scratch) {
   int count[3][kBuckets];
   std::memset(count, 0, sizeof count);
   for (int i = 0; i < n; ++i) {
-    const Vel32u k = sortKey(value[i]);
-    k0[i] = k;
+    const Vel32u k = k0[i];
     ++count[0][k & kMask];
     ++count[1][(k >> kBits) & kMask];
     ++count[2][k >> (2 * kBits)];
@@ -293,6 +293,16 @@ void sortByValue(const float* value, int n, int* out, int* scratch) {
   for (int i = 0; i < n; ++i) out[count[2][k0[i] >> (2 * kBits)]++] = i0[i];
 }
 
+// Spreads the low 10 bits of v to every third bit.
+inline Vel32u spreadBits(Vel32u v) {
+  v &= 0x3FFu;
+  v = (v | (v << 16)) & 0x030000FFu;
+  v = (v | (v << 8)) & 0x0300F00Fu;
+  v = (v | (v << 4)) & 0x030C30C3u;
+  v = (v | (v << 2)) & 0x09249249u;
+  return v;
+}
+
 // ---------------------------------------------------------------- search
 
 struct Box {
@@ -310,6 +320,7 @@ class Builder {
  public:
   Builder(Memory* mem, const FullBuildOptions& opt, int nT)
       : mem_(mem),
+        inCallingThread_(opt.inCallingThread),
         maxDepth_(opt.maxDepth),
         f_(static_cast<float>((10.0 - 9.0 * static_cast<double>(opt.quality)) * kQualityScale)),
         nT_(nT),
@@ -331,6 +342,7 @@ class Builder {
   bool reserveListEntries(std::int64_t n);
 
   Memory* mem_;
+  bool inCallingThread_;
   Vel32u maxDepth_;
   float f_;
   int nT_;
@@ -339,6 +351,9 @@ class Builder {
   std::int64_t chunkCap_;
   Block<float> bounds_;  // start[3][n] then end[3][n]
   Block<Vel8u> side_;
+  // The builder numbers triangles in a spatial order, so a node's triangles
+  // sit close together in the bounds arrays; original_ maps back.
+  Block<int> original_;
   float* start_[3] = {};
   float* end_[3] = {};
   ListStack stack_;
@@ -400,17 +415,48 @@ bool Builder::run(const Vel32f* vertices, const int* indices) {
   ListStack::Mark at;
   int* lists = stack_.push(6 * n, &at);
   if (lists == nullptr) return false;
-  {
-    // The sort's scratch sits above the root's lists while they are made.
-    ListStack::Mark scratchAt;
-    int* scratch = stack_.push(4 * n, &scratchAt);
-    if (scratch == nullptr) return false;
-    for (int a = 0; a < 3; ++a) {
-      sortByValue(start_[a], nT_, lists + (2 * a) * n, scratch);
-      sortByValue(end_[a], nT_, lists + (2 * a + 1) * n, scratch);
-    }
-    stack_.release(scratchAt);
+  // The sorts' scratch sits above the root's lists while they are made.
+  ListStack::Mark scratchAt;
+  int* scratch = stack_.push(4 * n, &scratchAt);
+  if (scratch == nullptr || !original_.allocate(mem_, n)) return false;
+
+  // Renumber by the Morton code of the centre of each triangle's bounds.
+  // Results do not depend on the numbering (every decision reads values
+  // and counts only, and leaves list original numbers in ascending order).
+  Vel32u* keys = reinterpret_cast<Vel32u*>(lists);
+  float scale[3];
+  for (int a = 0; a < 3; ++a) {
+    const float ext = root.hi[a] - root.lo[a];
+    scale[a] = ext > 0.0f ? 1023.0f / ext : 0.0f;
   }
+  for (std::int64_t t = 0; t < n; ++t) {
+    Vel32u code = 0;
+    for (int a = 0; a < 3; ++a) {
+      const float c = (start_[a][t] + end_[a][t]) * 0.5f;
+      const float u = (c - root.lo[a]) * scale[a];
+      const Vel32u q = u > 0.0f ? (u < 1023.0f ? static_cast<Vel32u>(u) : 1023u) : 0u;
+      code |= spreadBits(q) << a;
+    }
+    keys[t] = code;
+  }
+  int* original = original_.get();
+  sortByKey(keys, nT_, original, scratch);
+  float* moved = reinterpret_cast<float*>(lists);
+  for (float* arr : {start_[0], start_[1], start_[2], end_[0], end_[1], end_[2]}) {
+    for (std::int64_t t = 0; t < n; ++t) moved[t] = arr[original[t]];
+    std::memcpy(arr, moved, static_cast<size_t>(n) * sizeof(float));
+  }
+
+  for (int a = 0; a < 3; ++a) {
+    for (int e = 0; e < 2; ++e) {
+      const float* value = e == 0 ? start_[a] : end_[a];
+      Vel32u* k = reinterpret_cast<Vel32u*>(scratch + 3 * n);
+      int* out = lists + (2 * a + e) * n;
+      for (std::int64_t t = 0; t < n; ++t) k[t] = sortKey(value[t]);
+      sortByKey(k, nT_, out, scratch);
+    }
+  }
+  stack_.release(scratchAt);
   return build(0, lists, at, nT_, root, 0);
 }
 
@@ -443,7 +489,11 @@ bool Builder::chooseSplit(const int* lists, int n, const Box& box, Split* out) {
     for (int a = 0; a < 3; ++a)
       if (ext[a] > kMinExtent) axes[k++] = a;
     if (k < 2) return false;
-    parallelTeam(k, [&](int i) { search(axes[i]); });
+    if (inCallingThread_) {
+      for (int i = 0; i < k; ++i) search(axes[i]);
+    } else {
+      parallelTeam(k, [&](int i) { search(axes[i]); });
+    }
   }
 
   // Ties between x and y go to y, ties with z to z.
@@ -481,8 +531,10 @@ bool Builder::makeLeaf(std::int64_t node, int* ids, int n) {
     nodes_[node] = emptyLeaf();
     return true;
   }
-  // Ascending numbers: a canonical test order, and the form the inline
-  // three-triangle leaf needs.
+  // Ascending original numbers: a canonical test order, and the form the
+  // inline three-triangle leaf needs.
+  const int* original = original_.get();
+  for (int i = 0; i < n; ++i) ids[i] = original[ids[i]];
   std::sort(ids, ids + n);
   VelrKDTreeNode leaf;
   if (inlineLeaf(ids, n, &leaf)) {
@@ -553,24 +605,20 @@ bool Builder::build(std::int64_t node, int* lists, ListStack::Mark at, int n, co
   ListStack::Mark bigAt;
   int* big = stack_.push(6 * nb + 1, &bigAt);
   if (big == nullptr) return false;
+  // One pass per list: the larger child's entries go above, the smaller
+  // child's are compacted in place. In place is safe: list k is written from
+  // k * ns on, never past where list k is still being read.
   for (int k = 0; k < 6; ++k) {
     const int* src = lists + k * len;
-    int* dst = big + k * nb;
+    int* bigDst = big + k * nb;
+    int* smallDst = lists + k * ns;
     for (int i = 0; i < n; ++i) {
       const int t = src[i];
-      *dst = t;
-      dst += (side[t] & bigBit) ? 1 : 0;
-    }
-  }
-  // Compacting in place is safe: list k is written to k * ns, never past
-  // where list k is still being read.
-  for (int k = 0; k < 6; ++k) {
-    const int* src = lists + k * len;
-    int* dst = lists + k * ns;
-    for (int i = 0; i < n; ++i) {
-      const int t = src[i];
-      *dst = t;
-      dst += (side[t] & smallBit) ? 1 : 0;
+      const Vel8u sd = side[t];
+      *bigDst = t;
+      bigDst += (sd & bigBit) ? 1 : 0;
+      *smallDst = t;
+      smallDst += (sd & smallBit) ? 1 : 0;
     }
   }
   const ListStack::Mark smallEnd{at.seg, at.top + 6 * ns};
@@ -595,6 +643,7 @@ VelStatus Builder::finish(VelrKDTreeNode** ppTree, int* pLength, BuildStats* sta
   stack_.releaseAll();
   bounds_.reset();
   side_.reset();
+  original_.reset();
 
   const std::int64_t nodeCount = nodes_.size();
   const std::int64_t listCount = lists_.size();

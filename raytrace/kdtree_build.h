@@ -27,6 +27,9 @@ struct FullBuildOptions {
   Vel32u maxDepth;            // 0 .. 50
   Vel32f quality;             // 0 .. 1
   std::uint64_t budgetBytes;  // at least 32 MiB
+  // Searches the axes of large nodes one after another in the calling
+  // thread instead of one thread per axis; the tree is the same.
+  bool inCallingThread = false;
   std::int64_t chunkEntries = kLeafChunkEntries;
 };
 

@@ -61,13 +61,22 @@ AxisResult searchAxis(const int* byStart, const int* byEnd, int n, const float* 
   r.pos = lo;
   r.nL = 0;
   r.nR = n;
+  // sv and ev are the next start and end not yet passed (+inf past the
+  // last start), each read once.
   int i = 0, j = 0;
+  float sv = start[byStart[0]];
+  float ev = end[byEnd[0]];
   while (j < n) {
-    const float s = i < n ? start[byStart[i]] : HUGE_VALF;
-    const float x = std::min(s, end[byEnd[j]]);
+    const float x = sv < ev ? sv : ev;
     const int nl = i;  // every start passed so far lies below x
-    while (j < n && end[byEnd[j]] <= x) ++j;
-    while (i < n && start[byStart[i]] <= x) ++i;
+    while (j < n && ev <= x) {
+      ++j;
+      ev = j < n ? end[byEnd[j]] : 0.0f;
+    }
+    while (i < n && sv <= x) {
+      ++i;
+      sv = i < n ? start[byStart[i]] : HUGE_VALF;
+    }
     const int nr = n - j;
     if (x < lo || x > hi) continue;
     const double c = nr * ((dhi - x) + K) + nl * ((static_cast<double>(x) - dlo) + K);

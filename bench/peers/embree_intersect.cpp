@@ -88,11 +88,12 @@ void setRate(benchmark::State& state, long hits, double sumT) {
 
 // ---------------------------------------------------------------- builds
 
-void BM_VelrBuild(benchmark::State& state, std::string name) {
+void BM_VelrBuild(benchmark::State& state, std::string name, int flags) {
   Scene& scene = velrScene(name);
+  VelrKDTreeBuildOptions opt = velr::bench::benchTreeOptions();
+  opt.flags = flags;
   for (auto _ : state)
-    if (scene.build(velr::bench::benchTreeOptions()) != velStsNoErr)
-      state.SkipWithError("build failed");
+    if (scene.build(opt) != velStsNoErr) state.SkipWithError("build failed");
   const velr::bench::TreeCounts c = velr::bench::countTree(scene.tree);
   state.counters["MB"] = scene.treeLength / 1048576.0;
   state.counters["nodes"] = static_cast<double>(c.nodes);
@@ -259,14 +260,19 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
     for (const char* mesh : velr::bench::kMeshNames) {
       const std::string m = mesh;
-      const double build = find("VelrBuild/" + m).wall;
       const double h2 = find("EmbreeBuildHigh2t/" + m).wall;
-      if (build <= 0 || h2 <= 0) continue;
-      std::printf("%-10s build %.3f s: x%.2f of high 2t (%.3f s), x%.2f of medium 2t (%.3f s), "
-                  "x%.2f of high 1t, x%.2f of medium 1t (time; below 1 is faster)\n",
-                  mesh, build, build / h2, h2, build / find("EmbreeBuildMedium2t/" + m).wall,
-                  find("EmbreeBuildMedium2t/" + m).wall, build / find("EmbreeBuildHigh1t/" + m).wall,
-                  build / find("EmbreeBuildMedium1t/" + m).wall);
+      const double m2 = find("EmbreeBuildMedium2t/" + m).wall;
+      const double h1 = find("EmbreeBuildHigh1t/" + m).wall;
+      const double m1 = find("EmbreeBuildMedium1t/" + m).wall;
+      for (const char* kind : {"VelrBuild/", "VelrBuildInCallingThread/"}) {
+        const double build = find(kind + m).wall;
+        if (build <= 0 || h2 <= 0) continue;
+        std::printf("%-10s %s %.3f s: x%.2f of high 2t (%.3f s), x%.2f of medium 2t (%.3f s), "
+                    "x%.2f of high 1t (%.3f s), x%.2f of medium 1t (%.3f s) (time; below 1 is "
+                    "faster)\n",
+                    mesh, kind, build, build / h2, h2, build / m2, m2, build / h1, h1, build / m1,
+                    m1);
+      }
     }
   }
 
@@ -292,7 +298,9 @@ void registerAll() {
   };
   for (const char* mesh : velr::bench::kMeshNames) {
     const std::string m = mesh;
-    ms(RegisterBenchmark(("VelrBuild/" + m).c_str(), BM_VelrBuild, m))->Iterations(3);
+    ms(RegisterBenchmark(("VelrBuild/" + m).c_str(), BM_VelrBuild, m, 0))->Iterations(3);
+    ms(RegisterBenchmark(("VelrBuildInCallingThread/" + m).c_str(), BM_VelrBuild, m, 1))
+        ->Iterations(3);
     manual(RegisterBenchmark(("EmbreeBuildMedium1t/" + m).c_str(), BM_EmbreeBuild, m,
                          RTC_BUILD_QUALITY_MEDIUM, 1));
     manual(RegisterBenchmark(("EmbreeBuildHigh1t/" + m).c_str(), BM_EmbreeBuild, m,

@@ -396,6 +396,10 @@ TEST(KDTreeBuild, BlockIsTheSameForAnyThreadCount) {
       for (int i = 0; i < 2; ++i) nested[i] = buildTree(m, fullOptions(0.8f, 40));
     }
     for (const Tree& t : nested) EXPECT_TRUE(t.words == reference.words);
+    // Non-zero flags: no parallel region at all, the same tree.
+    VelrKDTreeBuildOptions opt = fullOptions(0.8f, 40);
+    opt.flags = 1;
+    EXPECT_TRUE(buildTree(m, opt).words == reference.words);
   }
 }
 
@@ -431,7 +435,9 @@ TEST(KDTreeBuild, RunningOutOfBudgetDuringTheBuildIsAnAllocationError) {
   TestMesh m = velr::test::lattice();
   while (m.nv() < 400000) m.addVertex(0, 0, 0);
   const std::uint64_t need = 84ull * m.nt() + 12ull * m.nv() + 0x20000F4;
-  velr::kd::FullBuildOptions opt{0, 1.0f, need, 100};  // one leaf of 864 entries
+  // One leaf of 864 entries, more than a chunk of 100.
+  velr::kd::FullBuildOptions opt{.maxDepth = 0, .quality = 1.0f, .budgetBytes = need,
+                                 .chunkEntries = 100};
   VelrKDTreeNode* tree = nullptr;
   int len = 0;
   const long live = velTestLiveBlocks();
@@ -440,8 +446,9 @@ TEST(KDTreeBuild, RunningOutOfBudgetDuringTheBuildIsAnAllocationError) {
   EXPECT_EQ(velTestLiveBlocks(), live);
   // With the whole list fitting the first chunk, or budget to spare, it works.
   for (const velr::kd::FullBuildOptions& ok :
-       {velr::kd::FullBuildOptions{0, 1.0f, need, velr::kd::kLeafChunkEntries},
-        velr::kd::FullBuildOptions{0, 1.0f, need + (20 << 20), 100}}) {
+       {velr::kd::FullBuildOptions{.maxDepth = 0, .quality = 1.0f, .budgetBytes = need},
+        velr::kd::FullBuildOptions{.maxDepth = 0, .quality = 1.0f,
+                                   .budgetBytes = need + (20 << 20), .chunkEntries = 100}}) {
     velr::kd::BuildStats stats;
     ASSERT_EQ(velr::kd::buildFull(m.v.data(), m.idx.data(), m.nv(), m.nt(), ok, &tree, &len, &stats),
               velStsNoErr);
