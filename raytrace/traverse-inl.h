@@ -58,21 +58,25 @@ struct PacketRays {
   V tnear, tfar;
 };
 
-// Lanes whose direction signs along some axis differ from the others' cannot
-// share a walk. Returns false then; otherwise stores the common signs.
-template <class D>
-HWY_INLINE bool commonSigns(D d, const hn::Mask<D> negative[3], hn::Mask<D> live, int sign[3]) {
-  for (int a = 0; a < 3; ++a) {
-    const auto neg = hn::And(negative[a], live);
-    if (hn::AllFalse(d, neg)) {
-      sign[a] = 0;
-    } else if (hn::AllTrue(d, hn::Or(neg, hn::Not(live)))) {
-      sign[a] = 1;
-    } else {
-      return false;
+// Rays share a walk only when their direction signs agree on every axis.
+// Calls fn(sign, group) once for each sign pattern among the live lanes,
+// with the lanes of that pattern; a coherent packet is one group.
+template <class D, class Fn>
+HWY_INLINE void forEachSignGroup(D d, const hn::Mask<D> negative[3], hn::Mask<D> live, Fn&& fn) {
+  using M = hn::Mask<D>;
+  while (!hn::AllFalse(d, live)) {
+    const size_t first = static_cast<size_t>(hn::FindFirstTrue(d, live));
+    HWY_ALIGN float lanes[kMaxPacket];
+    M group = live;
+    int sign[3];
+    for (int a = 0; a < 3; ++a) {
+      hn::Store(hn::VecFromMask(d, negative[a]), d, lanes);
+      sign[a] = lanes[first] != 0.0f ? 1 : 0;
+      group = hn::And(group, sign[a] ? negative[a] : hn::Not(negative[a]));
     }
+    fn(sign, group);
+    live = hn::AndNot(group, live);
   }
-  return true;
 }
 
 // The walk. The query provides
@@ -188,8 +192,8 @@ HWY_INLINE hn::Mask<D> packetInside(D d, const PacketTerms<D>& t) {
                  hn::Ge(hn::Mul(b0, t.b2), zero));
 }
 
-// Nearest hit for a packet, lane by lane as NearestHit.
-template <class D>
+// Nearest hit for a packet, lane by lane as Nearest<kFromSurface>.
+template <class D, bool kFromSurface = false>
 struct PacketNearest {
   using V = hn::Vec<D>;
   using M = hn::Mask<D>;
@@ -205,20 +209,92 @@ struct PacketNearest {
 
   HWY_INLINE void test(Vel32s n, M active) {
     const VelrTriangleAccel& r = records[n];
-    if (r.axes != 0) {
-      const PacketTerms<D> t = packetTerms(d, r, *rays);
-      const M hit = hn::And(active, packetInside(d, t));
-      if (!hn::AllFalse(d, hit)) {
-        const V dt = hn::Div(t.num, t.den);
-        const M take = hn::And(hit, hn::And(hn::Gt(dist, dt), hn::Gt(dt, hn::Zero(d))));
-        if (!hn::AllFalse(d, take)) {
-          dist = hn::IfThenElse(take, dt, dist);
-          w1 = hn::IfThenElse(take, hn::Div(t.b1, t.den), w1);
-          w2 = hn::IfThenElse(take, hn::Div(t.b2, t.den), w2);
-          triangle = hn::IfThenElse(hn::RebindMask(DI(), take), hn::Set(DI(), n), triangle);
-        }
-      }
-    }
+    if (r.axes == 0) return;
+    if constexpr (kFromSurface)
+      active = hn::AndNot(hn::RebindMask(d, hn::Eq(triangle, hn::Set(DI(), n))), active);
+    const PacketTerms<D> t = packetTerms(d, r, *rays);
+    M hit = hn::And(active, packetInside(d, t));
+    if constexpr (kFromSurface)
+      hit = hn::AndNot(hn::Lt(hn::Abs(t.den), hn::Set(d, kFlatDenominator)), hit);
+    if (hn::AllFalse(d, hit)) return;
+    const V dt = hn::Div(t.num, t.den);
+    const V bound = kFromSurface ? hn::Sub(dist, hn::Set(d, kSurfaceGap)) : dist;
+    const M take = hn::And(hit, hn::And(hn::Gt(bound, dt), hn::Gt(dt, hn::Zero(d))));
+    if (hn::AllFalse(d, take)) return;
+    dist = hn::IfThenElse(take, dt, dist);
+    w1 = hn::IfThenElse(take, hn::Div(t.b1, t.den), w1);
+    w2 = hn::IfThenElse(take, hn::Div(t.b2, t.den), w2);
+    triangle = hn::IfThenElse(hn::RebindMask(DI(), take), hn::Set(DI(), n), triangle);
+  }
+  HWY_INLINE V limit() const { return dist; }
+};
+
+// Any hit for a packet, lane by lane as AnyHit: a lane ends at its first
+// blocker.
+template <class D>
+struct PacketAny {
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  using DI = hn::RebindToSigned<D>;
+  using VI = hn::Vec<DI>;
+  static constexpr bool kEndsEarly = true;
+
+  D d;
+  const VelrTriangleAccel* records;
+  const PacketRays<D>* rays;
+  V end;
+  VI blocker;
+
+  HWY_INLINE M test(Vel32s n, M active) {
+    const VelrTriangleAccel& r = records[n];
+    if (r.axes == 0) return hn::AndNot(active, active);
+    const PacketTerms<D> t = packetTerms(d, r, *rays);
+    const M hit = hn::And(active, packetInside(d, t));
+    if (hn::AllFalse(d, hit)) return hit;
+    const V dt = hn::Div(t.num, t.den);
+    const M blocked =
+        hn::And(hit, hn::And(hn::Gt(hn::Set(d, kSegmentEnd), dt), hn::Gt(dt, hn::Zero(d))));
+    end = hn::IfThenElse(blocked, hn::Zero(d), end);
+    blocker = hn::IfThenElse(hn::RebindMask(DI(), blocked), hn::Set(DI(), n), blocker);
+    return blocked;
+  }
+  HWY_INLINE V limit() const { return end; }
+};
+
+// One pass of the layered query for a packet, lane by lane as LayerHit.
+template <class D>
+struct PacketLayer {
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  using DI = hn::RebindToSigned<D>;
+  using VI = hn::Vec<DI>;
+  static constexpr bool kEndsEarly = false;
+
+  D d;
+  const VelrTriangleAccel* records;
+  const PacketRays<D>* rays;
+  V dist, w1, w2;
+  VI triangle;
+  VI previous;
+  const VI* ring;
+  int ringUsed;
+
+  HWY_INLINE void test(Vel32s n, M active) {
+    const VelrTriangleAccel& r = records[n];
+    if (r.axes == 0) return;
+    const VI vn = hn::Set(DI(), n);
+    active = hn::AndNot(hn::RebindMask(d, hn::Eq(previous, vn)), active);
+    const PacketTerms<D> t = packetTerms(d, r, *rays);
+    const M hit = hn::And(active, packetInside(d, t));
+    if (hn::AllFalse(d, hit)) return;
+    const V dt = hn::Div(t.num, t.den);
+    M take = hn::And(hit, hn::And(hn::Gt(dist, dt), hn::Gt(dt, hn::Zero(d))));
+    for (int i = 0; i < ringUsed; ++i) take = hn::AndNot(hn::RebindMask(d, hn::Eq(ring[i], vn)), take);
+    if (hn::AllFalse(d, take)) return;
+    dist = hn::IfThenElse(take, dt, dist);
+    w1 = hn::IfThenElse(take, hn::Div(t.b1, t.den), w1);
+    w2 = hn::IfThenElse(take, hn::Div(t.b2, t.den), w2);
+    triangle = hn::IfThenElse(hn::RebindMask(DI(), take), vn, triangle);
   }
   HWY_INLINE V limit() const { return dist; }
 };
@@ -250,6 +326,64 @@ HWY_INLINE hn::Mask<D> clipDividedPacket(D d, const float* box, hn::Vec<D> dist,
   p->tnear = tnear;
   p->tfar = hn::Add(tfar, hn::Set(d, kExitSlack));
   return hn::Not(miss);
+}
+
+// Slab clip with multiplications for a packet, lane by lane as
+// clipMultiplied.
+template <class D>
+HWY_INLINE hn::Mask<D> clipMultipliedPacket(D d, const float* box, hn::Vec<D> dist,
+                                            PacketRays<D>* p, hn::Mask<D> negative[3]) {
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  const V zero = hn::Zero(d);
+  V tnear = zero;
+  V tfar = dist;
+  M miss = hn::Lt(zero, zero);
+  for (int a = 0; a < 3; ++a) {
+    const V dir = p->d[a];
+    const V lo = hn::Set(d, box[a]), hi = hn::Set(d, box[3 + a]);
+    const M parallel = hn::Le(hn::Abs(dir), hn::Set(d, kParallelLimit));
+    const V inv = hn::Div(hn::Set(d, 1.0f), dir);
+    p->inv[a] = hn::IfThenElse(parallel, hn::Set(d, kParallelInverseNarrow), inv);
+    negative[a] = hn::AndNot(parallel, hn::Lt(dir, zero));
+    const V t1 = hn::Mul(hn::Sub(hi, p->o[a]), inv);
+    const V t2 = hn::Mul(hn::Sub(lo, p->o[a]), inv);
+    const M outside = hn::Not(hn::And(hn::Gt(hi, p->o[a]), hn::Gt(p->o[a], lo)));
+    tnear = hn::IfThenElse(parallel, tnear, MaxOf(MinOf(t1, t2), tnear));
+    tfar = hn::IfThenElse(parallel, tfar, MinOf(MaxOf(t1, t2), tfar));
+    // A miss on an earlier axis ends the ray before later axes count.
+    miss = hn::Or(miss, hn::Or(hn::And(parallel, outside),
+                               hn::AndNot(parallel, hn::Gt(tnear, tfar))));
+  }
+  p->tnear = tnear;
+  p->tfar = hn::Add(tfar, hn::Set(d, kExitSlack));
+  return hn::Not(miss);
+}
+
+// A packet of shadow rays, lane by lane as segmentPath.
+template <class D>
+HWY_INLINE void segmentPacket(D d, PacketRays<D>* p, hn::Mask<D> negative[3]) {
+  for (int a = 0; a < 3; ++a) {
+    const auto dir = p->d[a];
+    const auto parallel = hn::Le(hn::Abs(dir), hn::Set(d, kParallelLimit));
+    p->inv[a] = hn::IfThenElse(parallel, hn::Set(d, kParallelInverseNarrow),
+                               hn::Div(hn::Set(d, 1.0f), dir));
+    negative[a] = hn::Lt(dir, hn::Zero(d));
+  }
+  p->tnear = hn::Zero(d);
+  p->tfar = hn::Set(d, kSegmentExit);
+}
+
+// The next layer's exit distance for a packet, lane by lane as layerExit.
+template <class D>
+HWY_INLINE hn::Vec<D> layerExitPacket(D d, const float* box, const PacketRays<D>& p) {
+  auto tfar = hn::Set(d, kNoLimit);
+  for (int a = 0; a < 3; ++a) {
+    const auto t1 = hn::Mul(hn::Sub(hn::Set(d, box[a]), p.o[a]), p.inv[a]);
+    const auto t2 = hn::Mul(hn::Sub(hn::Set(d, box[3 + a]), p.o[a]), p.inv[a]);
+    tfar = MinOf(MaxOf(t1, t2), tfar);
+  }
+  return hn::Add(tfar, hn::Set(d, kExitSlack));
 }
 
 // NOLINTNEXTLINE(google-readability-namespace-comments)

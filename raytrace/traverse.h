@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstdint>
 
 #include "raytrace/kdtree_format.h"
 #include "velr.h"
@@ -24,6 +25,26 @@ inline constexpr float kParallelInverseWide = 838860800.0f;
 inline constexpr float kSplitMargin = 0.00001f;
 // Added to the exit distance after clipping, for hits just behind the box.
 inline constexpr float kExitSlack = 0.0001f;
+// Inverse given to a parallel axis by the queries that multiply by inverses
+// (rays from surfaces, shadow rays).
+inline constexpr float kParallelInverseNarrow = 83886.078125f;
+// Rays that start on a surface pass over triangles they run this close to
+// parallel to, whose distances are unreliable, ...
+inline constexpr float kFlatDenominator = 1.1920928955078125e-06f;
+// ... and take a new hit only when it is nearer by more than this, so the
+// surface they leave does not catch them again through rounding.
+inline constexpr float kSurfaceGap = 0.00001f;
+// Shadow rays test the segment (0, 1) of their direction; the walk runs a
+// little past its end for the same reason as kExitSlack.
+inline constexpr float kSegmentEnd = 1.0f;
+inline constexpr float kSegmentExit = 1.0001f;
+// The layered query walks with wider split margins: its rays start on the
+// surfaces of earlier layers.
+inline constexpr float kLayerMargin = 0.00019f;
+// The distance limit of a layer that has no hit yet.
+inline constexpr float kNoLimit = 3.4028234663852886e+38f;
+// The layered query remembers this many earlier layers' triangles.
+inline constexpr int kLayerRing = 8;
 
 // min and max as compare-and-select: with a NaN operand they keep the second
 // operand in every form (the packet kernels use the same selection).
@@ -70,6 +91,52 @@ inline bool clipDivided(const float* box, const Ray& ray, float dist, RayPath* p
   return true;
 }
 
+// Slab clip with multiplications by the inverse, for rays that start on a
+// surface: a parallel axis misses unless the origin lies strictly inside its
+// slab, since such a ray can never enter the slab.
+inline bool clipMultiplied(const float* box, const Ray& ray, float dist, RayPath* p) {
+  p->tnear = 0.0f;
+  p->tfar = dist;
+  for (int a = 0; a < 3; ++a) {
+    const float d = ray.d[a];
+    if (std::fabs(d) <= kParallelLimit) {
+      p->inv[a] = kParallelInverseNarrow;
+      p->sign[a] = 0;
+      if (!(box[3 + a] > ray.o[a] && ray.o[a] > box[a])) return false;
+      continue;
+    }
+    p->inv[a] = 1.0f / d;
+    const float t1 = (box[3 + a] - ray.o[a]) * p->inv[a];
+    const float t2 = (box[a] - ray.o[a]) * p->inv[a];
+    p->sign[a] = d < 0.0f ? 1 : 0;
+    p->tnear = maxOf(minOf(t1, t2), p->tnear);
+    p->tfar = minOf(maxOf(t1, t2), p->tfar);
+    if (p->tnear > p->tfar) return false;
+  }
+  p->tfar = p->tfar + kExitSlack;
+  return true;
+}
+
+// A shadow ray's walk: no box, the segment (0, 1) of its direction.
+inline RayPath segmentPath(const Ray& ray) {
+  RayPath p;
+  for (int a = 0; a < 3; ++a) {
+    p.sign[a] = ray.d[a] < 0.0f ? 1 : 0;
+    p.inv[a] = std::fabs(ray.d[a]) <= kParallelLimit ? kParallelInverseNarrow : 1.0f / ray.d[a];
+  }
+  p.tnear = 0.0f;
+  p.tfar = kSegmentExit;
+  return p;
+}
+
+// The exit distance of a ray moved to a new origin, for the next layer.
+inline float layerExit(const float* box, const Ray& ray, const RayPath& p) {
+  float tfar = kNoLimit;
+  for (int a = 0; a < 3; ++a)
+    tfar = minOf(maxOf((box[a] - ray.o[a]) * p.inv[a], (box[3 + a] - ray.o[a]) * p.inv[a]), tfar);
+  return tfar + kExitSlack;
+}
+
 // The geometry of one ray against one record: the plane term den, the
 // distance numerator num and the two scaled weights b1, b2 of vertices A and
 // B (the true weights are b / den). Valid for records with a non-zero axes
@@ -104,9 +171,9 @@ inline bool inside(const TriangleTerms& t) {
 }
 
 // Walks the tree front to back along one ray. The query provides
-//   bool test(Vel32s triangle)  -- true ends the ray at once;
-//   float limit()               -- a leaf whose exit lies at or beyond it
-//                                  ends the ray.
+//   bool testLeaf(const Vel32s* triangles, int count) -- tests a leaf's
+//       triangles in list order; true ends the ray at once;
+//   float limit() -- a leaf whose exit lies at or beyond it ends the ray.
 template <class Query>
 inline void traverse(const VelrKDTreeNode* root, const Ray& ray, const RayPath& path, float margin,
                      Query& q) {
@@ -142,8 +209,7 @@ inline void traverse(const VelrKDTreeNode* root, const Ray& ray, const RayPath& 
     Vel32s scratch[3];
     const Vel32s* list;
     const int count = kd::leafTriangles(node, scratch, &list);
-    for (int i = 0; i < count; ++i)
-      if (q.test(list[i])) return;
+    if (count > 0 && q.testLeaf(list, count)) return;
     if (sp == 0 || tfar >= q.limit()) return;
     tnear = tfar;
     --sp;
@@ -152,8 +218,12 @@ inline void traverse(const VelrKDTreeNode* root, const Ray& ray, const RayPath& 
   }
 }
 
-// Nearest hit: the closest triangle with 0 < t < the ray's distance.
-struct NearestHit {
+// Nearest hit: the closest triangle with 0 < t < the ray's distance. A ray
+// that starts on a surface (kFromSurface) passes over the triangle it holds
+// so far, triangles it runs almost parallel to, and hits not nearer than its
+// distance by more than kSurfaceGap.
+template <bool kFromSurface>
+struct Nearest {
   const VelrTriangleAccel* records;
   const Ray* ray;
   float dist;
@@ -163,10 +233,14 @@ struct NearestHit {
   bool test(Vel32s n) {
     const VelrTriangleAccel& r = records[n];
     if (r.axes == 0) return false;
+    if (kFromSurface && n == triangle) return false;
     const TriangleTerms t = triangleTerms(r, *ray);
     // One branch for the whole test: most triangles fail it, in no pattern.
     const float dt = t.num / t.den;
-    if (inside(t) & (dist > dt) & (dt > 0.0f)) {
+    const float bound = kFromSurface ? dist - kSurfaceGap : dist;
+    bool take = inside(t) & (bound > dt) & (dt > 0.0f);
+    if (kFromSurface) take &= !(std::fabs(t.den) < kFlatDenominator);
+    if (take) {
       dist = dt;
       w1 = t.b1 / t.den;
       w2 = t.b2 / t.den;
@@ -174,23 +248,147 @@ struct NearestHit {
     }
     return false;
   }
+  bool testLeaf(const Vel32s* list, int count) {
+    for (int i = 0; i < count; ++i) test(list[i]);
+    return false;
+  }
+  float limit() const { return dist; }
+};
+using NearestHit = Nearest<false>;
+
+// Any hit on the segment (0, 1): the first blocking triangle ends the walk.
+struct AnyHit {
+  const VelrTriangleAccel* records;
+  const Ray* ray;
+  float end;  // the segment's end while the ray is free, 0 once blocked
+  Vel32s blocker;
+
+  bool test(Vel32s n) {
+    const VelrTriangleAccel& r = records[n];
+    if (r.axes == 0) return false;
+    const TriangleTerms t = triangleTerms(r, *ray);
+    const float dt = t.num / t.den;
+    if (!(inside(t) & (kSegmentEnd > dt) & (dt > 0.0f))) return false;
+    blocker = n;
+    end = 0.0f;
+    return true;
+  }
+  bool testLeaf(const Vel32s* list, int count) {
+    for (int i = 0; i < count; ++i)
+      if (test(list[i])) return true;
+    return false;
+  }
+  float limit() const { return end; }
+};
+
+// One pass of the layered query: the nearest hit that is neither the
+// previous layer's triangle nor, once found, one of the triangles in the
+// first `ringUsed` slots of the ring of earlier layers.
+struct LayerHit {
+  const VelrTriangleAccel* records;
+  const Ray* ray;
+  float dist;
+  float w1, w2;
+  Vel32s triangle;
+  Vel32s previous;
+  const Vel32s* ring;
+  int ringUsed;
+
+  bool test(Vel32s n) {
+    const VelrTriangleAccel& r = records[n];
+    if (r.axes == 0 || n == previous) return false;
+    const TriangleTerms t = triangleTerms(r, *ray);
+    const float dt = t.num / t.den;
+    if (!(inside(t) & (dist > dt) & (dt > 0.0f))) return false;
+    for (int i = 0; i < ringUsed; ++i)
+      if (ring[i] == n) return false;
+    dist = dt;
+    w1 = t.b1 / t.den;
+    w2 = t.b2 / t.den;
+    triangle = n;
+    return false;
+  }
+  bool testLeaf(const Vel32s* list, int count) {
+    for (int i = 0; i < count; ++i) test(list[i]);
+    return false;
+  }
   float limit() const { return dist; }
 };
 
-// One eye ray: clip, traverse, and write the outputs of a hit. The triangle
-// index is -1 for a miss; distance and weights then stay as they were.
-inline void traceEyeRay(const VelrIntersectObject& obj, const Ray& ray, Vel32f* dist, Vel32f* w1,
-                        Vel32f* w2, Vel32s* triangle) {
+// One nearest-hit ray, eye (clipped with divisions) or from a surface
+// (clipped with multiplications): clip, walk, and write the outputs of a hit.
+// The triangle index is -1 for a miss; distance and weights then stay.
+template <bool kFromSurface>
+inline void traceNearestRay(const VelrIntersectObject& obj, const Ray& ray, Vel32f* dist,
+                            Vel32f* w1, Vel32f* w2, Vel32s* triangle) {
   *triangle = -1;
   RayPath path;
-  if (!clipDivided(obj.pBound, ray, *dist, &path)) return;
-  NearestHit q{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1};
+  const bool entered = kFromSurface ? clipMultiplied(obj.pBound, ray, *dist, &path)
+                                    : clipDivided(obj.pBound, ray, *dist, &path);
+  if (!entered) return;
+  Nearest<kFromSurface> q{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1};
   traverse(obj.pRootNode, ray, path, kSplitMargin, q);
   if (q.triangle < 0) return;
   *dist = q.dist;
   *w1 = q.w1;
   *w2 = q.w2;
   *triangle = q.triangle;
+}
+
+inline void traceEyeRay(const VelrIntersectObject& obj, const Ray& ray, Vel32f* dist, Vel32f* w1,
+                        Vel32f* w2, Vel32s* triangle) {
+  traceNearestRay<false>(obj, ray, dist, w1, w2, triangle);
+}
+
+// One shadow ray: rays switched off in the mask are skipped; a blocked ray is
+// switched off and records its blocker.
+inline void traceShadowRay(const VelrIntersectObject& obj, const Ray& ray, Vel32s* occluder,
+                           Vel32s* mask) {
+  *occluder = -1;
+  if (*mask < 0) return;
+  AnyHit q{obj.pAccel, &ray, kSegmentEnd, -1};
+  traverse(obj.pRootNode, ray, segmentPath(ray), kSplitMargin, q);
+  if (q.blocker < 0) return;
+  *mask = -1;
+  *occluder = q.blocker;
+}
+
+// The planes of the layered query: layer j of each starts j * layerStep
+// elements after layer 0.
+struct LayerPlanes {
+  Vel32f* dist;
+  Vel32f* w1;
+  Vel32f* w2;
+  Vel32s* triangle;
+  std::int64_t layerStep;
+};
+
+// Up to maxHits layers of one ray, each from the hit of the one before. The
+// triangle planes of all layers hold -1 already.
+inline void traceLayers(const VelrIntersectObject& obj, Ray ray, const LayerPlanes& out,
+                        std::int64_t i, int maxHits) {
+  RayPath path;
+  if (!clipDivided(obj.pBound, ray, out.dist[i], &path)) return;
+  Vel32s ring[kLayerRing] = {-1, -1, -1, -1, -1, -1, -1, -1};
+  Vel32s previous = -1;
+  for (int p = 0; p < maxHits; ++p) {
+    const std::int64_t at = i + p * out.layerStep;
+    LayerHit q{obj.pAccel, &ray, out.dist[at], 0.0f, 0.0f, -1, previous, ring, p % kLayerRing};
+    traverse(obj.pRootNode, ray, path, kLayerMargin, q);
+    if (q.triangle < 0) return;
+    for (int a = 0; a < 3; ++a) ray.o[a] = ray.o[a] + q.dist * ray.d[a];
+    out.dist[at] = p >= 1 ? q.dist + out.dist[at - out.layerStep] : q.dist;
+    out.w1[at] = q.w1;
+    out.w2[at] = q.w2;
+    out.triangle[at] = q.triangle;
+    ring[p % kLayerRing] = q.triangle;
+    previous = q.triangle;
+    if (p + 1 == maxHits) return;
+    out.triangle[at + out.layerStep] = -1;
+    out.dist[at + out.layerStep] = kNoLimit;
+    path.tnear = 0.0f;
+    path.tfar = layerExit(obj.pBound, ray, path);
+  }
 }
 
 }  // namespace velr::rt

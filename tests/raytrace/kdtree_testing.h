@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -224,5 +225,165 @@ struct RayResult {
 };
 
 inline bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// The planes of one block of rays, placed at a chosen offset from a 64-byte
+// boundary (a non-zero float offset breaks the 16-byte alignment that the
+// packet kernels need). Distance, weights and triangles have `layers`
+// layers for the layered query.
+class Block {
+ public:
+  Block(int width, int height, int offset, int layers = 1) : w_(width), h_(height), layers_(layers) {
+    const size_t n = static_cast<size_t>(width) * height;
+    for (int k = 0; k < kPlanes; ++k) storage_[k].assign(n * (k >= 6 && k < 10 ? layers : 1) + 32, 0.0f);
+    auto place = [&](int k) {
+      const std::uintptr_t p = reinterpret_cast<std::uintptr_t>(storage_[k].data());
+      return reinterpret_cast<float*>((p + 63) / 64 * 64) + offset;
+    };
+    for (int a = 0; a < 3; ++a) {
+      o[a] = place(a);
+      dir[a] = place(3 + a);
+    }
+    dist = place(6);
+    hit[0] = place(7);
+    hit[1] = place(8);
+    tri = reinterpret_cast<Vel32s*>(place(9));
+    mask = reinterpret_cast<Vel32s*>(place(10));
+    occluder = reinterpret_cast<Vel32s*>(place(11));
+  }
+  int size() const { return w_ * h_; }
+  VelStatus trace(const float origin[3], const VelrIntersectObject& obj) {
+    const Vel32f* const d[3] = {dir[0], dir[1], dir[2]};
+    return velrIntersectEyeSO_32f(origin, d, dist, hit, tri, &obj, w_, h_);
+  }
+  VelStatus traceFromSurfaces(const VelrIntersectObject& obj) {
+    const Vel32f* const d[3] = {dir[0], dir[1], dir[2]};
+    const Vel32f* const org[3] = {o[0], o[1], o[2]};
+    return velrIntersectMO_32f(org, d, dist, hit, tri, &obj, w_, h_);
+  }
+  VelStatus traceShadows(const float origin[3], const VelrIntersectObject& obj) {
+    const Vel32f* const d[3] = {dir[0], dir[1], dir[2]};
+    return velrIntersectAnySO_32f(origin, d, occluder, mask, w_, h_, &obj);
+  }
+  VelStatus traceLayers(const float origin[3], const VelrIntersectObject& obj, int maxHits) {
+    const Vel32f* const d[3] = {dir[0], dir[1], dir[2]};
+    return velrIntersectMultipleSO_32f(origin, d, dist, hit, tri, w_, h_, maxHits, &obj);
+  }
+  RayResult at(int i, int layer = 0) const {
+    const int j = i + layer * size();
+    return {dist[j], hit[0][j], hit[1][j], tri[j]};
+  }
+  void copyInputsFrom(const Block& other) {
+    for (int k = 0; k < kPlanes; ++k) {
+      const int n = size() * (k >= 6 && k < 10 ? layers_ : 1);
+      const float* src = k < 3 ? other.o[k] : k < 6 ? other.dir[k - 3] : k == 6 ? other.dist
+                         : k < 9 ? other.hit[k - 7] : k == 9 ? reinterpret_cast<float*>(other.tri)
+                         : k == 10 ? reinterpret_cast<float*>(other.mask)
+                                   : reinterpret_cast<float*>(other.occluder);
+      float* dst = k < 3 ? o[k] : k < 6 ? dir[k - 3] : k == 6 ? dist : k < 9 ? hit[k - 7]
+                   : k == 9 ? reinterpret_cast<float*>(tri)
+                   : k == 10 ? reinterpret_cast<float*>(mask)
+                             : reinterpret_cast<float*>(occluder);
+      std::memcpy(dst, src, sizeof(float) * n);
+    }
+  }
+
+  float* o[3];
+  float* dir[3];
+  float* dist;
+  float* hit[2];
+  Vel32s* tri;
+  Vel32s* mask;
+  Vel32s* occluder;
+
+ private:
+  static constexpr int kPlanes = 12;
+  int w_, h_, layers_;
+  std::vector<float> storage_[kPlanes];
+};
+
+// Brute-force nearest hit over the listed triangles with the documented
+// arithmetic, for scenes built without distance ties.
+inline RayResult reference(const std::vector<VelrTriangleAccel>& recs, const std::vector<int>& tris,
+                    const float o[3], const float d[3], float dist) {
+  RayResult r{dist, 0, 0, -1};
+  for (int n : tris) {
+    const VelrTriangleAccel& t = recs[n];
+    if (t.axes == 0) continue;
+    const int k = (t.axes >> 4) & 3, u = (t.axes >> 2) & 3, v = t.axes & 3;
+    const float den = t.nu * d[u] + t.nv * d[v] + d[k];
+    const float num = t.ck + t.nu * (t.cu - o[u]) + t.nv * (t.cv - o[v]) - o[k];
+    const float hu = d[u] * num - (t.cu - o[u]) * den;
+    const float hv = d[v] * num - (t.cv - o[v]) * den;
+    const float b1 = t.bv * hu - t.bu * hv;
+    const float b2 = t.au * hv - t.av * hu;
+    const float b0 = den - b1 - b2;
+    if (!(b0 * b1 >= 0 && b1 * b2 >= 0 && b0 * b2 >= 0)) continue;
+    const float tt = num / den;
+    if (r.dist > tt && tt > 0) r = {tt, b1 / den, b2 / den, n};
+  }
+  return r;
+}
+
+inline void expectSame(const RayResult& a, const RayResult& b, int i) {
+  EXPECT_EQ(a.tri, b.tri) << "ray " << i;
+  EXPECT_TRUE(sameBits(a.dist, b.dist)) << "ray " << i << ": " << a.dist << " vs " << b.dist;
+  EXPECT_TRUE(sameBits(a.w1, b.w1)) << "ray " << i;
+  EXPECT_TRUE(sameBits(a.w2, b.w2)) << "ray " << i;
+}
+
+// A random tree over a random soup: random splits, leaves of every kind
+// holding random triangles wherever they lie.
+inline std::vector<Vel32u> randomTree(velr::workloads::SplitMix64& rng, int triangles) {
+  std::vector<VelrKDTreeNode> nodes(1);
+  std::vector<std::vector<Vel32s>> lists;  // per node, for list leaves
+  std::vector<int> listOf(1, -1);
+  struct Item {
+    size_t node;
+    int depth;
+  };
+  std::vector<Item> todo{{0, 0}};
+  while (!todo.empty()) {
+    const Item it = todo.back();
+    todo.pop_back();
+    if (it.depth < 10 && rng.next() % 4 != 0) {
+      const size_t child = nodes.size();
+      nodes.resize(child + 2);
+      listOf.resize(child + 2, -1);
+      nodes[it.node] = velr::kd::innerNode(static_cast<int>(rng.next() % 3),
+                                           static_cast<Vel32u>(child - it.node),
+                                           static_cast<float>(rng.uniform(-1.1, 1.1)));
+      todo.push_back({child, it.depth + 1});
+      todo.push_back({child + 1, it.depth + 1});
+      continue;
+    }
+    const int count = static_cast<int>(rng.next() % 7);
+    std::vector<Vel32s> tris;
+    while (static_cast<int>(tris.size()) < count) {
+      const Vel32s t = static_cast<Vel32s>(rng.next() % triangles);
+      if (std::find(tris.begin(), tris.end(), t) == tris.end()) tris.push_back(t);
+    }
+    std::sort(tris.begin(), tris.end());
+    if (count == 0) {
+      nodes[it.node] = velr::kd::emptyLeaf();
+    } else if (count > 3 || rng.next() % 3 == 0 ||
+               !velr::kd::inlineLeaf(tris.data(), count, &nodes[it.node])) {
+      std::shuffle(tris.begin(), tris.end(), std::mt19937_64(rng.next()));
+      listOf[it.node] = static_cast<int>(lists.size());
+      lists.push_back(tris);
+    }
+  }
+  std::vector<Vel32u> words(2 * nodes.size());
+  for (size_t i = 0; i < nodes.size(); ++i) {
+    if (listOf[i] >= 0) {
+      const Vel32u offset = static_cast<Vel32u>(4 * (words.size() - 2 * i));
+      nodes[i] = velr::kd::listLeaf(offset, static_cast<int>(lists[listOf[i]].size()));
+      for (Vel32s t : lists[listOf[i]]) words.push_back(static_cast<Vel32u>(t));
+    }
+    words[2 * i] = nodes[i].word[0];
+    words[2 * i + 1] = nodes[i].word[1];
+  }
+  return words;
+}
+
 
 }  // namespace velr::test
