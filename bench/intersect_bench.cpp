@@ -59,6 +59,43 @@ void BM_Eye(benchmark::State& state, std::string name, bool packets) {
   state.counters["sum_t"] = sumT;
 }
 
+// The secondary rays of a mesh, made once per alignment.
+velr::bench::SecondaryRays& secondary(const std::string& name, bool packets) {
+  static std::map<std::string, std::unique_ptr<velr::bench::SecondaryRays>> made;
+  auto& s = made[name + (packets ? "/p" : "/1")];
+  if (!s) {
+    EyeRays eye(false);
+    s = std::make_unique<velr::bench::SecondaryRays>(sceneNamed(name), !packets, eye);
+  }
+  return *s;
+}
+
+void BM_Shadow(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  velr::bench::SecondaryRays& rays = secondary(name, packets);
+  long blocked = 0;
+  for (auto _ : state) blocked = rays.traceShadows(obj);
+  state.counters["blocked"] = static_cast<double>(blocked);
+}
+
+void BM_Reflection(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  velr::bench::SecondaryRays& rays = secondary(name, packets);
+  long hits = 0;
+  double sumT = 0;
+  for (auto _ : state) rays.traceReflections(obj, &hits, &sumT);
+  state.counters["hits"] = static_cast<double>(hits);
+  state.counters["sum_t"] = sumT;
+}
+
+void BM_Layers(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  velr::bench::SecondaryRays& rays = secondary(name, packets);
+  long hits = 0;
+  for (auto _ : state) hits = rays.traceLayers(obj);
+  state.counters["hits"] = static_cast<double>(hits);
+}
+
 int registerAll() {
   for (const char* name : velr::bench::kMeshNames) {
     for (float q : {0.5f, 1.0f})
@@ -77,6 +114,16 @@ int registerAll() {
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
   }
+  for (const char* name : velr::bench::kMeshNames)
+    for (bool packets : {true, false}) {
+      const std::string suffix = std::string(packets ? "Packets/" : "OneRay/") + name;
+      benchmark::RegisterBenchmark(("Shadow" + suffix).c_str(), BM_Shadow, name, packets)
+          ->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(("Reflection" + suffix).c_str(), BM_Reflection, name, packets)
+          ->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(("Layers" + suffix).c_str(), BM_Layers, name, packets)
+          ->Unit(benchmark::kMillisecond);
+    }
   return 0;
 }
 const int registered = registerAll();

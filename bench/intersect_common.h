@@ -175,4 +175,165 @@ class EyeRays {
   std::vector<float> storage_[7];
 };
 
+// Planes of per-block data: `count` planes, each `blocks` runs of `width`
+// floats (or ints), every run 64-byte aligned plus an offset of 0 or 1 float
+// (1 sends the library down its one-ray path).
+class PlaneSet {
+ public:
+  PlaneSet(int count, int blocks, int width, int offset)
+      : stride_((width + 16 + 15) / 16 * 16), offset_(offset), storage_(count) {
+    for (auto& s : storage_) s.assign(static_cast<size_t>(stride_) * blocks + 32, 0.0f);
+  }
+  float* f(int p, int block) {
+    const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(storage_[p].data());
+    return reinterpret_cast<float*>((base + 63) / 64 * 64) + offset_ +
+           static_cast<size_t>(block) * stride_;
+  }
+  Vel32s* i(int p, int block) { return reinterpret_cast<Vel32s*>(f(p, block)); }
+
+ private:
+  int stride_, offset_;
+  std::vector<std::vector<float>> storage_;
+};
+
+// The secondary rays of the standard workload, from the eye rays' hits:
+// shadow rays from the light towards the hit points (segment (0, 1), as the
+// any-hit query takes them, masked by the eye rays' triangles), reflection
+// rays from just in front of the hit points about the flat normal, and the
+// eye rays again for four layers. Pixels without a hit get a shadow mask of
+// -1 and a reflection distance of -1, which ends those rays at once.
+class SecondaryRays {
+ public:
+  static constexpr int kBlock = EyeRays::kBlock;
+  static constexpr int kRays = EyeRays::kRaysPerBlock;
+  static constexpr int kLayers = 4;
+  enum Plane {
+    kShadowDir = 0,    // 3 planes
+    kShadowMask = 3,   // as made
+    kMask = 4,         // worked on
+    kOccluder = 5,
+    kReflOrigin = 6,   // 3 planes
+    kReflDir = 9,      // 3 planes
+    kReflLimit = 12,   // as made
+    kReflDist = 13,
+    kReflHit = 14,     // 2 planes
+    kReflTri = 16,
+    kEyeDir = 17,      // 3 planes
+    kPlanes = 20
+  };
+
+  SecondaryRays(const Scene& scene, bool misaligned, EyeRays& eye)
+      : blocks_(eye.blocks()),
+        planes_(kPlanes, blocks_, kRays, misaligned ? 1 : 0),
+        layers_(4, blocks_, kLayers * kRays, misaligned ? 1 : 0) {
+    for (int a = 0; a < 3; ++a) eye_[a] = eye.eye()[a];
+    long hits;
+    double sumT;
+    eye.traceVelr(scene.object(), &hits, &sumT);
+    const workloads::Mesh& m = *scene.mesh;
+    const float* light = workloads::kLight;
+    for (int b = 0; b < blocks_; ++b) {
+      const float* t = eye.plane(3, b);
+      const Vel32s* tri = reinterpret_cast<const Vel32s*>(eye.plane(6, b));
+      for (int i = 0; i < kRays; ++i) {
+        float d[3];
+        for (int a = 0; a < 3; ++a) {
+          d[a] = eye.plane(a, b)[i];
+          planes_.f(kEyeDir + a, b)[i] = d[a];
+        }
+        const bool hit = tri[i] >= 0;
+        planes_.i(kShadowMask, b)[i] = tri[i];
+        planes_.f(kReflLimit, b)[i] = hit ? 1e30f : -1.0f;
+        double n[3] = {0, 0, 1};
+        if (hit) {
+          const int* v = &m.indices[4 * tri[i]];
+          double e1[3], e2[3];
+          for (int a = 0; a < 3; ++a) {
+            e1[a] = m.vertices[3 * v[1] + a] - m.vertices[3 * v[0] + a];
+            e2[a] = m.vertices[3 * v[2] + a] - m.vertices[3 * v[0] + a];
+          }
+          n[0] = e1[1] * e2[2] - e1[2] * e2[1];
+          n[1] = e1[2] * e2[0] - e1[0] * e2[2];
+          n[2] = e1[0] * e2[1] - e1[1] * e2[0];
+          const double len = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+          for (double& c : n) c /= len;
+        }
+        const float dn = static_cast<float>(n[0]) * d[0] + static_cast<float>(n[1]) * d[1] +
+                         static_cast<float>(n[2]) * d[2];
+        for (int a = 0; a < 3; ++a) {
+          const float p = eye_[a] + t[i] * d[a];
+          planes_.f(kShadowDir + a, b)[i] = hit ? (p - light[a]) * (1.0f - 1e-4f) : 0.0f;
+          planes_.f(kReflOrigin + a, b)[i] = hit ? eye_[a] + (t[i] * 0.9999f) * d[a] : eye_[a];
+          planes_.f(kReflDir + a, b)[i] =
+              hit ? d[a] - 2.0f * dn * static_cast<float>(n[a]) : d[a];
+        }
+      }
+    }
+  }
+
+  int blocks() const { return blocks_; }
+  const float* eye() const { return eye_; }
+  PlaneSet& planes() { return planes_; }
+
+  // Shadow rays through the library; returns the number of blocked rays.
+  long traceShadows(const VelrIntersectObject& obj) {
+    long blocked = 0;
+    for (int b = 0; b < blocks_; ++b) {
+      Vel32s* mask = planes_.i(kMask, b);
+      std::memcpy(mask, planes_.i(kShadowMask, b), sizeof(Vel32s) * kRays);
+      const Vel32f* const dir[3] = {planes_.f(kShadowDir, b), planes_.f(kShadowDir + 1, b),
+                                    planes_.f(kShadowDir + 2, b)};
+      Vel32s* occ = planes_.i(kOccluder, b);
+      velrIntersectAnySO_32f(workloads::kLight, dir, occ, mask, kBlock, kBlock, &obj);
+      for (int i = 0; i < kRays; ++i) blocked += occ[i] >= 0;
+    }
+    return blocked;
+  }
+
+  // Reflection rays through the library; returns hits and their distances.
+  void traceReflections(const VelrIntersectObject& obj, long* hits, double* sumT) {
+    *hits = 0;
+    *sumT = 0;
+    for (int b = 0; b < blocks_; ++b) {
+      float* dist = planes_.f(kReflDist, b);
+      std::memcpy(dist, planes_.f(kReflLimit, b), sizeof(float) * kRays);
+      const Vel32f* const org[3] = {planes_.f(kReflOrigin, b), planes_.f(kReflOrigin + 1, b),
+                                    planes_.f(kReflOrigin + 2, b)};
+      const Vel32f* const dir[3] = {planes_.f(kReflDir, b), planes_.f(kReflDir + 1, b),
+                                    planes_.f(kReflDir + 2, b)};
+      Vel32f* hit[2] = {planes_.f(kReflHit, b), planes_.f(kReflHit + 1, b)};
+      Vel32s* tri = planes_.i(kReflTri, b);
+      velrIntersectMO_32f(org, dir, dist, hit, tri, &obj, kBlock, kBlock);
+      for (int i = 0; i < kRays; ++i)
+        if (tri[i] >= 0) {
+          ++*hits;
+          *sumT += dist[i];
+        }
+    }
+  }
+
+  // Four layers of the eye rays through the library; returns all layers'
+  // hits.
+  long traceLayers(const VelrIntersectObject& obj) {
+    long hits = 0;
+    for (int b = 0; b < blocks_; ++b) {
+      float* dist = layers_.f(0, b);
+      for (int i = 0; i < kRays; ++i) dist[i] = 1e30f;
+      const Vel32f* const dir[3] = {planes_.f(kEyeDir, b), planes_.f(kEyeDir + 1, b),
+                                    planes_.f(kEyeDir + 2, b)};
+      Vel32f* hit[2] = {layers_.f(1, b), layers_.f(2, b)};
+      Vel32s* tri = layers_.i(3, b);
+      velrIntersectMultipleSO_32f(eye_, dir, dist, hit, tri, kBlock, kBlock, kLayers, &obj);
+      for (int i = 0; i < kLayers * kRays; ++i) hits += tri[i] >= 0;
+    }
+    return hits;
+  }
+
+ private:
+  int blocks_;
+  float eye_[3];
+  PlaneSet planes_;
+  PlaneSet layers_;
+};
+
 }  // namespace velr::bench

@@ -222,6 +222,191 @@ void BM_Embree16(benchmark::State& state, std::string name) {
                                       RTCRayHit16* rh) { rtcIntersect16(v, s, c, rh); });
 }
 
+// ---------------------------------------------------------------- secondary
+
+velr::bench::SecondaryRays& secondary(const std::string& name, bool packets) {
+  static std::map<std::string, std::unique_ptr<velr::bench::SecondaryRays>> made;
+  auto& s = made[name + (packets ? "/p" : "/1")];
+  if (!s) {
+    EyeRays eye(false);
+    s = std::make_unique<velr::bench::SecondaryRays>(velrScene(name), !packets, eye);
+  }
+  return *s;
+}
+
+void BM_VelrShadow(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = velrScene(name).object();
+  velr::bench::SecondaryRays& r = secondary(name, packets);
+  long blocked = 0;
+  for (auto _ : state) blocked = r.traceShadows(obj);
+  state.counters["blocked"] = static_cast<double>(blocked);
+}
+
+void BM_VelrReflection(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = velrScene(name).object();
+  velr::bench::SecondaryRays& r = secondary(name, packets);
+  long hits = 0;
+  double sumT = 0;
+  for (auto _ : state) r.traceReflections(obj, &hits, &sumT);
+  state.counters["hits"] = static_cast<double>(hits);
+}
+
+void BM_VelrLayers(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = velrScene(name).object();
+  velr::bench::SecondaryRays& r = secondary(name, packets);
+  long hits = 0;
+  for (auto _ : state) hits = r.traceLayers(obj);
+  state.counters["hits"] = static_cast<double>(hits);
+}
+
+using SR = velr::bench::SecondaryRays;
+
+void BM_EmbreeOccluded1(benchmark::State& state, std::string name) {
+  RTCScene scene = tracedScene(name);
+  SR& r = secondary(name, true);
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  long blocked = 0;
+  for (auto _ : state) {
+    blocked = 0;
+    for (int b = 0; b < r.blocks(); ++b) {
+      const Vel32s* mask = r.planes().i(SR::kShadowMask, b);
+      for (int i = 0; i < SR::kRays; ++i) {
+        if (mask[i] < 0) continue;
+        RTCRay ray;
+        ray.org_x = velr::workloads::kLight[0];
+        ray.org_y = velr::workloads::kLight[1];
+        ray.org_z = velr::workloads::kLight[2];
+        ray.dir_x = r.planes().f(SR::kShadowDir, b)[i];
+        ray.dir_y = r.planes().f(SR::kShadowDir + 1, b)[i];
+        ray.dir_z = r.planes().f(SR::kShadowDir + 2, b)[i];
+        ray.tnear = 0.0f;
+        ray.tfar = 1.0f;
+        ray.time = 0.0f;
+        ray.mask = ~0u;
+        ray.id = 0;
+        ray.flags = 0;
+        rtcOccluded1(scene, &ctx, &ray);
+        blocked += ray.tfar < 0.0f;
+      }
+    }
+  }
+  state.counters["blocked"] = static_cast<double>(blocked);
+}
+
+void BM_EmbreeOccluded16(benchmark::State& state, std::string name) {
+  RTCScene scene = tracedScene(name);
+  SR& r = secondary(name, true);
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  ctx.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  long blocked = 0;
+  for (auto _ : state) {
+    blocked = 0;
+    for (int b = 0; b < r.blocks(); ++b) {
+      const Vel32s* mask = r.planes().i(SR::kShadowMask, b);
+      for (int ty = 0; ty < SR::kBlock; ty += 4)
+        for (int tx = 0; tx < SR::kBlock; tx += 4) {
+          alignas(64) RTCRay16 ray;
+          alignas(64) int valid[16];
+          bool any = false;
+          for (int l = 0; l < 16; ++l) {
+            const int i = (ty + l / 4) * SR::kBlock + tx + l % 4;
+            valid[l] = mask[i] >= 0 ? -1 : 0;
+            any |= mask[i] >= 0;
+            ray.org_x[l] = velr::workloads::kLight[0];
+            ray.org_y[l] = velr::workloads::kLight[1];
+            ray.org_z[l] = velr::workloads::kLight[2];
+            ray.dir_x[l] = r.planes().f(SR::kShadowDir, b)[i];
+            ray.dir_y[l] = r.planes().f(SR::kShadowDir + 1, b)[i];
+            ray.dir_z[l] = r.planes().f(SR::kShadowDir + 2, b)[i];
+            ray.tnear[l] = 0.0f;
+            ray.tfar[l] = 1.0f;
+            ray.time[l] = 0.0f;
+            ray.mask[l] = ~0u;
+            ray.id[l] = 0;
+            ray.flags[l] = 0;
+          }
+          if (!any) continue;
+          rtcOccluded16(valid, scene, &ctx, &ray);
+          for (int l = 0; l < 16; ++l) blocked += valid[l] != 0 && ray.tfar[l] < 0.0f;
+        }
+    }
+  }
+  state.counters["blocked"] = static_cast<double>(blocked);
+}
+
+// One rtcIntersect1 from (o, d) with the interval [tnear, 1e30); returns the
+// hit distance or a negative value.
+float embreeNearest(RTCScene scene, RTCIntersectContext* ctx, const float o[3], const float d[3],
+                    float tnear) {
+  RTCRayHit rh;
+  rh.ray.org_x = o[0];
+  rh.ray.org_y = o[1];
+  rh.ray.org_z = o[2];
+  rh.ray.dir_x = d[0];
+  rh.ray.dir_y = d[1];
+  rh.ray.dir_z = d[2];
+  rh.ray.tnear = tnear;
+  rh.ray.tfar = 1e30f;
+  rh.ray.time = 0.0f;
+  rh.ray.mask = ~0u;
+  rh.ray.id = 0;
+  rh.ray.flags = 0;
+  rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+  rtcIntersect1(scene, ctx, &rh);
+  return rh.hit.geomID != RTC_INVALID_GEOMETRY_ID ? rh.ray.tfar : -1.0f;
+}
+
+void BM_EmbreeReflection1(benchmark::State& state, std::string name) {
+  RTCScene scene = tracedScene(name);
+  SR& r = secondary(name, true);
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  long hits = 0;
+  for (auto _ : state) {
+    hits = 0;
+    for (int b = 0; b < r.blocks(); ++b) {
+      const float* limit = r.planes().f(SR::kReflLimit, b);
+      for (int i = 0; i < SR::kRays; ++i) {
+        if (limit[i] < 0.0f) continue;
+        float o[3], d[3];
+        for (int a = 0; a < 3; ++a) {
+          o[a] = r.planes().f(SR::kReflOrigin + a, b)[i];
+          d[a] = r.planes().f(SR::kReflDir + a, b)[i];
+        }
+        hits += embreeNearest(scene, &ctx, o, d, 0.0f) >= 0.0f;
+      }
+    }
+  }
+  state.counters["hits"] = static_cast<double>(hits);
+}
+
+// Four layers by repeated nearest hits, each starting just beyond the last.
+void BM_EmbreeLayers1(benchmark::State& state, std::string name) {
+  RTCScene scene = tracedScene(name);
+  SR& r = secondary(name, true);
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  long hits = 0;
+  for (auto _ : state) {
+    hits = 0;
+    for (int b = 0; b < r.blocks(); ++b)
+      for (int i = 0; i < SR::kRays; ++i) {
+        float d[3];
+        for (int a = 0; a < 3; ++a) d[a] = r.planes().f(SR::kEyeDir + a, b)[i];
+        float tnear = 0.0f;
+        for (int l = 0; l < SR::kLayers; ++l) {
+          const float t = embreeNearest(scene, &ctx, r.eye(), d, tnear);
+          if (t < 0.0f) break;
+          ++hits;
+          tnear = t + 0.00019f;
+        }
+      }
+  }
+  state.counters["hits"] = static_cast<double>(hits);
+}
+
 // ---------------------------------------------------------------- ratios
 
 // Keeps every run's times per iteration, then prints our figures as ratios
@@ -257,6 +442,30 @@ class RatioReporter : public benchmark::ConsoleReporter {
                   e1.cpu / p.cpu);
       std::printf("%-10s one ray %5.2f Mrays/s: x%.2f [%.2f] of Intersect1 (%.2f)\n", mesh,
                   rays / o.cpu / 1e6, e1.cpu / o.cpu, e1.wall / o.wall, rays / e1.cpu / 1e6);
+    }
+    for (const char* mesh : velr::bench::kMeshNames) {
+      const std::string m = mesh;
+      const Entry sp = find("VelrShadowPackets/" + m), so = find("VelrShadowOneRay/" + m);
+      const Entry o1 = find("EmbreeOccluded1/" + m), o16 = find("EmbreeOccluded16/" + m);
+      if (sp.cpu > 0 && o1.cpu > 0)
+        std::printf("%-10s shadows: packets x%.2f [%.2f] of Occluded16, x%.2f of Occluded1; one "
+                    "ray x%.2f [%.2f] of Occluded1 (CPU ms: %.1f %.1f | %.1f %.1f)\n",
+                    mesh, o16.cpu / sp.cpu, o16.wall / sp.wall, o1.cpu / sp.cpu, o1.cpu / so.cpu,
+                    o1.wall / so.wall, sp.cpu * 1e3, so.cpu * 1e3, o16.cpu * 1e3, o1.cpu * 1e3);
+      const Entry rp = find("VelrReflectionPackets/" + m), ro = find("VelrReflectionOneRay/" + m);
+      const Entry r1 = find("EmbreeReflection1/" + m);
+      if (rp.cpu > 0 && r1.cpu > 0)
+        std::printf("%-10s reflections: packets x%.2f [%.2f], one ray x%.2f [%.2f] of Intersect1 "
+                    "(CPU ms: %.1f %.1f | %.1f)\n",
+                    mesh, r1.cpu / rp.cpu, r1.wall / rp.wall, r1.cpu / ro.cpu, r1.wall / ro.wall,
+                    rp.cpu * 1e3, ro.cpu * 1e3, r1.cpu * 1e3);
+      const Entry lp = find("VelrLayersPackets/" + m), lo = find("VelrLayersOneRay/" + m);
+      const Entry l1 = find("EmbreeLayers1/" + m);
+      if (lp.cpu > 0 && l1.cpu > 0)
+        std::printf("%-10s 4 layers: packets x%.2f [%.2f], one ray x%.2f [%.2f] of repeated "
+                    "Intersect1 (CPU ms: %.1f %.1f | %.1f)\n",
+                    mesh, l1.cpu / lp.cpu, l1.wall / lp.wall, l1.cpu / lo.cpu, l1.wall / lo.wall,
+                    lp.cpu * 1e3, lo.cpu * 1e3, l1.cpu * 1e3);
     }
     for (const char* mesh : velr::bench::kMeshNames) {
       const std::string m = mesh;
