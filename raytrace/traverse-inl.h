@@ -38,11 +38,21 @@ inline constexpr int kMaxPacket = 16;
 // Lane-wise min and max with the same selection as minOf and maxOf.
 template <class V>
 HWY_INLINE V MinOf(V a, V b) {
+#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR
+  // The x86 min and max instructions select exactly so (the second operand
+  // when the comparison fails, NaN included).
+  return hn::Min(a, b);
+#else
   return hn::IfThenElse(hn::Lt(a, b), a, b);
+#endif
 }
 template <class V>
 HWY_INLINE V MaxOf(V a, V b) {
+#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR
+  return hn::Max(a, b);
+#else
   return hn::IfThenElse(hn::Gt(a, b), a, b);
+#endif
 }
 
 // The rays of a packet: origins and directions per axis (a fourth zero
@@ -135,6 +145,7 @@ HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays
         const M stop = q.test(list[i], active);
         live = hn::AndNot(stop, live);
         active = hn::AndNot(stop, active);
+        if (hn::AllFalse(d, active)) break;
       } else {
         q.test(list[i], active);
       }

@@ -526,6 +526,19 @@ void registerAll() {
   }
   for (const char* mesh : velr::bench::kMeshNames) {
     const std::string m = mesh;
+    for (bool packets : {true, false}) {
+      const std::string kind = packets ? "Packets/" : "OneRay/";
+      ms(RegisterBenchmark(("VelrShadow" + kind + m).c_str(), BM_VelrShadow, m, packets));
+      ms(RegisterBenchmark(("VelrReflection" + kind + m).c_str(), BM_VelrReflection, m, packets));
+      ms(RegisterBenchmark(("VelrLayers" + kind + m).c_str(), BM_VelrLayers, m, packets));
+    }
+    ms(RegisterBenchmark(("EmbreeOccluded1/" + m).c_str(), BM_EmbreeOccluded1, m));
+    ms(RegisterBenchmark(("EmbreeOccluded16/" + m).c_str(), BM_EmbreeOccluded16, m));
+    ms(RegisterBenchmark(("EmbreeReflection1/" + m).c_str(), BM_EmbreeReflection1, m));
+    ms(RegisterBenchmark(("EmbreeLayers1/" + m).c_str(), BM_EmbreeLayers1, m));
+  }
+  for (const char* mesh : velr::bench::kMeshNames) {
+    const std::string m = mesh;
     manual(RegisterBenchmark(("EmbreeBuildMedium2t/" + m).c_str(), BM_EmbreeBuild, m,
                          RTC_BUILD_QUALITY_MEDIUM, 2));
     manual(RegisterBenchmark(("EmbreeBuildHigh2t/" + m).c_str(), BM_EmbreeBuild, m,
