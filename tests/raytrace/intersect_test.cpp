@@ -1,12 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <limits>
-#include <random>
 #include <vector>
 
 #include "tests/common/targets.h"
@@ -15,322 +11,86 @@
 namespace {
 
 using velr::test::Block;
-using velr::test::expectSame;
 using velr::test::RayResult;
-using velr::test::reference;
-using velr::test::sameBits;
 using velr::test::TestMesh;
 
-// A small triangle facing z around (cx, cy) at height z.
-void addFacing(TestMesh* m, float cx, float cy, float z) {
-  const float a[3] = {cx - 0.4f, cy - 0.4f, z};
-  const float b[3] = {cx + 0.4f, cy - 0.4f, z};
-  const float c[3] = {cx, cy + 0.4f, z};
-  m->addTriangle(a, b, c);
-}
+constexpr float kEps = 1.1920928955078125e-07f;
+constexpr float kMaxFloat = 3.4028234663852886e+38f;
 
-VelrKDTreeNode inner(int axis, Vel32u distance, float split) {
-  return velr::kd::innerNode(axis, distance, split);
-}
+// ------------------------------------------------------------ references
+// The queries written plainly from their description, one ray at a time.
 
-TEST(IntersectEye, HandBuiltTreeWithEveryNodeKind) {
-  // Quadrants split at x = 0 and y = 0; the upper-right one once more at
-  // x = 2. Triangles 8, 10, 11 and 13 lie in the scene but in no leaf.
-  TestMesh m;
-  addFacing(&m, -1.5f, -1.5f, 0.0f);  // 0  list leaf
-  addFacing(&m, -1.5f, -1.5f, 0.5f);  // 1  list leaf, in front of 0
-  addFacing(&m, -3.0f, -0.8f, 0.2f);  // 2  list leaf
-  addFacing(&m, -0.8f, -3.0f, 0.9f);  // 3  list leaf
-  addFacing(&m, -1.5f, 1.5f, 0.3f);   // 4  one inline
-  addFacing(&m, 1.0f, -1.5f, 0.0f);   // 5  two inline
-  addFacing(&m, 1.2f, -1.3f, 0.7f);   // 6  two inline, overlapping 5 in front
-  addFacing(&m, 0.6f, 0.6f, 0.1f);    // 7  three inline (m - d1)
-  addFacing(&m, 1.4f, 0.6f, 0.4f);    // 8  decoy
-  addFacing(&m, 1.4f, 1.4f, 0.2f);    // 9  three inline (m)
-  addFacing(&m, 0.6f, 1.4f, 0.8f);    // 10 decoy
-  addFacing(&m, 1.0f, 2.5f, 0.5f);    // 11 decoy
-  addFacing(&m, 1.0f, 1.0f, 1.0f);    // 12 three inline (m + d2), over 7 and 9
-  addFacing(&m, 3.0f, 3.0f, 0.0f);    // 13 decoy in the empty leaf
-  const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
-
-  std::vector<VelrKDTreeNode> nodes(9);
-  nodes[0] = inner(0, 1, 0.0f);
-  nodes[1] = inner(1, 2, 0.0f);
-  nodes[2] = inner(1, 3, 0.0f);
-  nodes[3] = velr::kd::listLeaf(8 * (9 - 3), 4);
-  const Vel32s one[1] = {4}, two[2] = {5, 6}, three[3] = {7, 9, 12};
-  ASSERT_TRUE(velr::kd::inlineLeaf(one, 1, &nodes[4]));
-  ASSERT_TRUE(velr::kd::inlineLeaf(two, 2, &nodes[5]));
-  nodes[6] = inner(0, 1, 2.0f);
-  ASSERT_TRUE(velr::kd::inlineLeaf(three, 3, &nodes[7]));
-  nodes[8] = velr::kd::emptyLeaf();
-  std::vector<Vel32u> block(2 * nodes.size() + 4);
-  std::memcpy(block.data(), nodes.data(), 8 * nodes.size());
-  const Vel32u list[4] = {3, 0, 2, 1};
-  std::memcpy(block.data() + 2 * nodes.size(), list, sizeof list);
-
-  const float box[6] = {-4, -4, -1, 4, 4, 2};
-  const VelrIntersectObject obj{box, recs.data(), reinterpret_cast<VelrKDTreeNode*>(block.data())};
-  const std::vector<int> inTree = {0, 1, 2, 3, 4, 5, 6, 7, 9, 12};
-  const float origin[3] = {0.05f, -0.1f, 10.0f};
-  constexpr int kSide = 64;
-  for (int offset : {0, 1}) {  // packets, then single rays
-    Block b(kSide, kSide, offset);
-    for (int y = 0; y < kSide; ++y)
-      for (int x = 0; x < kSide; ++x) {
-        const int i = y * kSide + x;
-        b.dir[0][i] = (-3.95f + 7.9f * x / (kSide - 1)) - origin[0];
-        b.dir[1][i] = (-3.95f + 7.9f * y / (kSide - 1)) - origin[1];
-        b.dir[2][i] = -origin[2];
-        b.dist[i] = 1e30f;
-      }
-    ASSERT_EQ(b.trace(origin, obj), velStsNoErr);
-    int hits[14] = {};
-    for (int i = 0; i < b.size(); ++i) {
-      const float d[3] = {b.dir[0][i], b.dir[1][i], b.dir[2][i]};
-      const RayResult want = reference(recs, inTree, origin, d, 1e30f);
-      if (want.tri < 0) {
-        EXPECT_EQ(b.tri[i], -1) << i;
-        EXPECT_EQ(b.dist[i], 1e30f) << i;
-        continue;
-      }
-      expectSame(b.at(i), want, i);
-      ++hits[want.tri];
-    }
-    for (int t : inTree)
-      if (t != 0 && t != 5) EXPECT_GT(hits[t], 0) << "triangle " << t << " never seen";
-  }
-}
-
-// One triangle in z = 0 with A = (0, 0, 0), B = (1, 0, 0), C = (0, 1, 0), in
-// a one-leaf tree and in a full tree.
-struct OneTriangle {
-  TestMesh mesh;
-  std::vector<VelrTriangleAccel> recs;
-  velr::test::Tree oneLeaf, full;
-  OneTriangle() {
-    const float a[3] = {0, 0, 0}, b[3] = {1, 0, 0}, c[3] = {0, 1, 0};
-    mesh.addTriangle(a, b, c);
-    recs = velr::test::records(mesh);
-    oneLeaf = velr::test::buildTree(mesh, {VELR_KDTREE_ONE_LEAF, 0, 0, 0, 0});
-    full = velr::test::buildTree(mesh, velr::test::fullOptions());
-  }
+struct Terms {
+  float den, t, w1, w2;
+  bool inside;
 };
 
-RayResult traceOne(const float* box, const VelrTriangleAccel* recs, const VelrKDTreeNode* root,
-                   const float o[3], const float d[3], float dist) {
-  const VelrIntersectObject obj{box, recs, root};
-  float dx = d[0], dy = d[1], dz = d[2];
-  const Vel32f* const dirs[3] = {&dx, &dy, &dz};
-  RayResult r{dist, -5.0f, -6.0f, 77};
-  float* hit[2] = {&r.w1, &r.w2};
-  EXPECT_EQ(velrIntersectEyeSO_32f(o, dirs, &r.dist, hit, &r.tri, &obj, 1, 1), velStsNoErr);
-  return r;
+Terms terms(const VelrTriangleAccel& r, const float o[3], const float d[3]) {
+  const int k = (r.axes >> 4) & 3, u = (r.axes >> 2) & 3, v = r.axes & 3;
+  const float den = r.nu * d[u] + r.nv * d[v] + d[k];
+  const float num = r.ck + r.nu * (r.cu - o[u]) + r.nv * (r.cv - o[v]) - o[k];
+  const float hu = d[u] * num - (r.cu - o[u]) * den;
+  const float hv = d[v] * num - (r.cv - o[v]) * den;
+  const float b1 = r.bv * hu - r.bu * hv;
+  const float b2 = r.au * hv - r.av * hu;
+  const float b0 = den - b1 - b2;
+  return {den, num / den, b1 / den, b2 / den, b0 * b1 >= 0 && b1 * b2 >= 0 && b0 * b2 >= 0};
 }
 
-TEST(IntersectEye, DistanceLimitsAndEdges) {
-  const OneTriangle s;
-  const float box[6] = {-1, -1, -1, 2, 2, 2};
-  const float down[3] = {0, 0, -1};
-  const float above[3] = {0.25f, 0.25f, 1.0f};
-  for (const velr::test::Tree* t : {&s.oneLeaf, &s.full}) {
-    auto trace = [&](const float o[3], const float d[3], float dist) {
-      return traceOne(box, s.recs.data(), t->root(), o, d, dist);
-    };
-    // No t satisfies 0 < t < dist for a limit of 0 or below; a miss leaves
-    // distance and weights as they were.
-    for (float limit : {0.0f, -1.0f, 1.0f}) {
-      const RayResult r = trace(above, down, limit);
-      EXPECT_EQ(r.tri, -1);
-      EXPECT_EQ(r.dist, limit);
-      EXPECT_EQ(r.w1, -5.0f);
-      EXPECT_EQ(r.w2, -6.0f);
-    }
-    RayResult r = trace(above, down, std::nextafter(1.0f, 2.0f));
-    EXPECT_EQ(r.tri, 0);
-    EXPECT_EQ(r.dist, 1.0f);
-    EXPECT_EQ(r.w1, 0.5f);   // weight of A
-    EXPECT_EQ(r.w2, 0.25f);  // weight of B
-    // Behind the origin.
-    const float below[3] = {0.25f, 0.25f, -1.0f};
-    EXPECT_EQ(trace(below, down, 1e30f).tri, -1);
-    // Through the edge AC (weight of B exactly 0) and through vertex B.
-    const float onEdge[3] = {0.0f, 0.5f, 1.0f};
-    r = trace(onEdge, down, 1e30f);
-    EXPECT_EQ(r.tri, 0);
-    EXPECT_EQ(r.w2, 0.0f);
-    const float onVertex[3] = {1.0f, 0.0f, 1.0f};
-    EXPECT_EQ(trace(onVertex, down, 1e30f).tri, 0);
-    const float outside[3] = {0.5001f, 0.5001f, 1.0f};
-    EXPECT_EQ(trace(outside, down, 1e30f).tri, -1);
-  }
-}
+float lesser(float a, float b) { return a < b ? a : b; }
+float greater(float a, float b) { return a > b ? a : b; }
 
-TEST(IntersectEye, ParallelSlabsAreNotTested) {
-  // The box lies beside the ray in x; the ray is parallel to x and y, so
-  // only its z slab is tested and it still reaches the triangle.
-  const OneTriangle s;
-  const float beside[6] = {5, -1, -1, 6, 2, 2};
-  const float o[3] = {0.25f, 0.25f, 1.0f};
-  for (const velr::test::Tree* t : {&s.oneLeaf, &s.full}) {
-    for (float tiny : {0.0f, -0.0f, 1e-7f, -1.1920928955078125e-07f}) {
-      const float d[3] = {tiny, 0.0f, -1.0f};
-      EXPECT_EQ(traceOne(beside, s.recs.data(), t->root(), o, d, 1e30f).tri, 0) << tiny;
-    }
-    // Just above the parallel limit the x slab counts, and misses.
-    const float d[3] = {1.2e-7f, 0.0f, -1.0f};
-    EXPECT_EQ(traceOne(beside, s.recs.data(), t->root(), o, d, 1e30f).tri, -1);
-  }
-}
-
-TEST(IntersectEye, DegenerateRecordsAndEqualDistances) {
-  // 0: degenerate, on the ray; 1 and 2: the same triangle twice.
-  TestMesh m;
-  const float p[3] = {0.2f, 0.2f, 0.0f};
-  m.addTriangle(p, p, p);
-  const float a[3] = {0, 0, 0}, b[3] = {1, 0, 0}, c[3] = {0, 1, 0};
-  m.addTriangle(a, b, c);
-  m.addTriangle(a, b, c);
-  const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
-  const float box[6] = {-1, -1, -1, 2, 2, 2};
-  const float o[3] = {0.2f, 0.2f, 1.0f}, d[3] = {0, 0, -1};
-  // The first triangle met keeps the hit: list order decides in a leaf.
-  for (const std::vector<Vel32u>& block :
-       {std::vector<Vel32u>{0xFFFFFFF0u, 3, 0, 0, 0, 1, 2},
-        std::vector<Vel32u>{0xFFFFFFF0u, 3, 0, 0, 0, 2, 1}}) {
-    const RayResult r = traceOne(box, recs.data(),
-                                 reinterpret_cast<const VelrKDTreeNode*>(block.data()), o, d, 1e30f);
-    EXPECT_EQ(r.tri, static_cast<Vel32s>(block[5]));
-  }
-  // Alone, the degenerate triangle is never hit.
-  const Vel32u alone[5] = {0xFFFFFFF0u, 1, 0, 0, 0};
-  EXPECT_EQ(traceOne(box, recs.data(), reinterpret_cast<const VelrKDTreeNode*>(alone), o, d, 1e30f)
-                .tri,
-            -1);
-}
-
-TEST(IntersectEye, EmptyBlocksWriteNothing) {
-  const OneTriangle s;
-  const float box[6] = {-1, -1, -1, 2, 2, 2};
-  const VelrIntersectObject obj{box, s.recs.data(), s.oneLeaf.root()};
-  Block b(4, 4, 0);
-  for (int i = 0; i < 16; ++i) b.tri[i] = 9;
-  const float o[3] = {0, 0, 1};
-  const Vel32f* const d[3] = {b.dir[0], b.dir[1], b.dir[2]};
-  for (auto [w, h] : {std::pair{0, 4}, std::pair{4, 0}, std::pair{-4, -4}})
-    EXPECT_EQ(velrIntersectEyeSO_32f(o, d, b.dist, b.hit, b.tri, &obj, w, h), velStsNoErr);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(b.tri[i], 9);
-}
-
-// Rays from a handful of origins, inside and outside the mesh's box, in all
-// directions; blocks of 32 x 32.
-std::vector<std::pair<std::vector<float>, Block*>> randomBlocks(std::uint64_t seed, int count,
-                                                                 std::vector<Block>* store) {
-  velr::workloads::SplitMix64 rng(seed);
-  std::vector<std::pair<std::vector<float>, Block*>> out;
-  store->reserve(count);
-  for (int c = 0; c < count; ++c) {
-    std::vector<float> o(3);
-    const double reach = c % 2 ? 1.0 : 3.0;
-    for (float& x : o) x = static_cast<float>(rng.uniform(-reach, reach));
-    store->emplace_back(32, 32, 0);
-    Block& b = store->back();
-    // Directions towards random points near the origin of the scene, so
-    // most rays meet the mesh, with random lengths.
-    for (int i = 0; i < b.size(); ++i) {
-      for (int a = 0; a < 3; ++a)
-        b.dir[a][i] = static_cast<float>(rng.uniform(-1.2, 1.2)) - o[a] * (c % 2 ? 0.0f : 1.0f);
-      b.dist[i] = i % 97 == 5 ? static_cast<float>(rng.uniform(0.1, 2.0)) : 1e30f;
-    }
-    out.emplace_back(o, &b);
-  }
-  return out;
-}
-
-TEST(IntersectEye, FullTreesFindTheNearestHitOfBruteForce) {
-  const TestMesh meshes[] = {velr::test::bumpy(12), velr::test::soup(2000, 21, 0.3),
-                             velr::test::lattice()};
-  int ties = 0, hits = 0;
-  for (const TestMesh& m : meshes) {
-    TestMesh scaled = m;
-    if (m.nt() == velr::test::lattice().nt())
-      for (float& x : scaled.v) x = x / 3.0f - 1.0f;  // into [-1, 1]
-    const std::vector<VelrTriangleAccel> recs = velr::test::records(scaled);
-    const std::vector<float> box = velr::test::boundsOf(scaled);
-    const velr::test::Tree brute = velr::test::buildTree(scaled, {VELR_KDTREE_ONE_LEAF, 0, 0, 0, 0});
-    for (float q : {0.0f, 1.0f}) {
-      const velr::test::Tree tree = velr::test::buildTree(scaled, velr::test::fullOptions(q, 40));
-      ASSERT_EQ(tree.status, velStsNoErr);
-      std::vector<Block> store;
-      for (auto& [o, b] : randomBlocks(1234 + m.nt(), 6, &store)) {
-        Block single(32, 32, 1);
-        single.copyInputsFrom(*b);
-        const VelrIntersectObject full{box.data(), recs.data(), tree.root()};
-        const VelrIntersectObject all{box.data(), recs.data(), brute.root()};
-        b->trace(o.data(), full);
-        single.trace(o.data(), all);
-        for (int i = 0; i < b->size(); ++i) {
-          const RayResult got = b->at(i), want = single.at(i);
-          EXPECT_TRUE(sameBits(got.dist, want.dist)) << i << ": " << got.dist << " " << want.dist;
-          if (got.tri == want.tri) {
-            expectSame(got, want, i);
-          } else {
-            // Only two triangles at exactly the same distance may differ.
-            ASSERT_GE(got.tri, 0);
-            ASSERT_GE(want.tri, 0);
-            const float d[3] = {b->dir[0][i], b->dir[1][i], b->dir[2][i]};
-            EXPECT_TRUE(sameBits(reference(recs, {got.tri}, o.data(), d, 1e30f).dist, got.dist));
-            ++ties;
-          }
-          hits += want.tri >= 0;
-        }
-      }
-    }
-  }
-  EXPECT_GT(hits, 10000);
-  EXPECT_LT(ties, hits / 100);
-}
-
-// The documented walk, written plainly: the reference for trees whose leaves
-// hold arbitrary triangles, where which leaves a ray visits decides what it
-// finds.
-RayResult documentedWalk(const VelrIntersectObject& obj, const float o[3], const float d[3],
-                         float dist) {
-  RayResult r{dist, 0, 0, -1};
+struct Interval {
   float inv[3];
   int sign[3];
-  float tnear = 0, tfar = dist;
+  float tnear, tfar;
+};
+
+// Box clip in division form (eye and layers) or multiplication form (rays
+// from surfaces); false for a miss.
+bool clip(bool fromSurface, const float* box, const float o[3], const float d[3], float dist,
+          Interval* iv) {
+  iv->tnear = 0;
+  iv->tfar = dist;
   for (int a = 0; a < 3; ++a) {
-    if (std::fabs(d[a]) <= 1.1920928955078125e-07f) {
-      inv[a] = 838860800.0f;
-      sign[a] = 0;
+    const float lo = box[a], hi = box[a + 3];
+    if (std::fabs(d[a]) <= kEps) {
+      iv->inv[a] = fromSurface ? 83886.078125f : 838860800.0f;
+      iv->sign[a] = 0;
+      if (fromSurface && !(hi > o[a] && o[a] > lo)) return false;
       continue;
     }
-    const float t1 = (obj.pBound[a] - o[a]) / d[a], t2 = (obj.pBound[a + 3] - o[a]) / d[a];
-    inv[a] = 1 / d[a];
-    sign[a] = d[a] < 0;
-    const float lo = t1 < t2 ? t1 : t2, hi = t1 > t2 ? t1 : t2;
-    tnear = lo > tnear ? lo : tnear;
-    tfar = hi < tfar ? hi : tfar;
-    if (tnear > tfar) return r;
+    iv->inv[a] = 1 / d[a];
+    const float t1 = fromSurface ? (hi - o[a]) * iv->inv[a] : (lo - o[a]) / d[a];
+    const float t2 = fromSurface ? (lo - o[a]) * iv->inv[a] : (hi - o[a]) / d[a];
+    iv->sign[a] = d[a] < 0;
+    iv->tnear = greater(lesser(t1, t2), iv->tnear);
+    iv->tfar = lesser(greater(t1, t2), iv->tfar);
+    if (iv->tnear > iv->tfar) return false;
   }
-  tfar += 0.0001f;
+  iv->tfar += 0.0001f;
+  return true;
+}
+
+// The walk; test(n) returns true to end the ray, limit() is its distance.
+template <class Test, class Limit>
+void walk(const VelrKDTreeNode* root, const float o[3], Interval iv, float margin, Test test,
+          Limit limit) {
   std::vector<std::pair<const VelrKDTreeNode*, float>> stack;
-  const VelrKDTreeNode* node = obj.pRootNode;
+  const VelrKDTreeNode* node = root;
   for (;;) {
     if (!velr::kd::isLeaf(node)) {
       const int a = velr::kd::splitAxis(node);
-      const float ts = (velr::kd::splitPosition(node) - o[a]) * inv[a];
-      const VelrKDTreeNode* nearChild = velr::kd::lowerChild(node) + sign[a];
-      const VelrKDTreeNode* farChild = velr::kd::lowerChild(node) + 1 - sign[a];
-      if (tnear - ts > 0.00001f) {
+      const float ts = (velr::kd::splitPosition(node) - o[a]) * iv.inv[a];
+      const VelrKDTreeNode* nearChild = velr::kd::lowerChild(node) + iv.sign[a];
+      const VelrKDTreeNode* farChild = velr::kd::lowerChild(node) + 1 - iv.sign[a];
+      if (iv.tnear - ts > margin) {
         node = farChild;
-      } else if (ts - tfar > 0.00001f) {
+      } else if (ts - iv.tfar > margin) {
         node = nearChild;
       } else {
-        stack.emplace_back(farChild, tfar);
-        const float m = ts < tfar ? ts : tfar;
-        tfar = tnear > m ? tnear : m;
+        stack.emplace_back(farChild, iv.tfar);
+        iv.tfar = greater(iv.tnear, lesser(ts, iv.tfar));
         node = nearChild;
       }
       continue;
@@ -338,109 +98,475 @@ RayResult documentedWalk(const VelrIntersectObject& obj, const float o[3], const
     Vel32s scratch[3];
     const Vel32s* list;
     const int count = velr::kd::leafTriangles(node, scratch, &list);
-    for (int i = 0; i < count; ++i) {
-      const RayResult h = reference(
-          std::vector<VelrTriangleAccel>(obj.pAccel + list[i], obj.pAccel + list[i] + 1), {0}, o,
-          d, r.dist);
-      if (h.tri == 0) r = {h.dist, h.w1, h.w2, list[i]};
-    }
-    if (stack.empty() || tfar >= r.dist) return r;
-    tnear = tfar;
+    for (int i = 0; i < count; ++i)
+      if (test(list[i])) return;
+    if (stack.empty() || iv.tfar >= limit()) return;
+    iv.tnear = iv.tfar;
     node = stack.back().first;
-    tfar = stack.back().second;
+    iv.tfar = stack.back().second;
     stack.pop_back();
   }
 }
 
-TEST(IntersectEye, ArbitraryTreesFollowTheDocumentedWalkOnEveryPath) {
-  velr::workloads::SplitMix64 rng(5);
+enum class Query { kEye, kSurface, kShadow, kLayers };
+
+// Expected outputs of a whole block: a copy of `in` with each ray's result.
+Block expected(Query query, const VelrIntersectObject& obj, const float* origin, Block& in,
+               int width, int height, int maxHits = 1) {
+  Block out(width, height, 0, maxHits);
+  out.copyFrom(in);
+  const int n = in.size();
+  if (query == Query::kLayers)
+    for (int i = 0; i < n * maxHits; ++i) out.tri()[i] = -1;
+  for (int i = 0; i < n; ++i) {
+    float o[3], d[3];
+    for (int a = 0; a < 3; ++a) {
+      o[a] = query == Query::kSurface ? in.o(a)[i] : origin[a];
+      d[a] = in.d(a)[i];
+    }
+    if (query == Query::kShadow) {
+      out.occluder()[i] = -1;
+      if (in.mask()[i] < 0) continue;
+      Interval iv{{}, {}, 0, 1.0001f};
+      for (int a = 0; a < 3; ++a) {
+        iv.sign[a] = d[a] < 0;
+        iv.inv[a] = std::fabs(d[a]) <= kEps ? 83886.078125f : 1 / d[a];
+      }
+      float limit = 1.0f;
+      auto test = [&](Vel32s t) {
+        const Terms r = terms(obj.pAccel[t], o, d);
+        if (obj.pAccel[t].axes == 0 || !(r.inside && 1.0f > r.t && r.t > 0)) return false;
+        out.occluder()[i] = t;
+        out.mask()[i] = -1;
+        limit = 0;
+        return true;
+      };
+      walk(obj.pRootNode, o, iv, 0.00001f, test, [&] { return limit; });
+      continue;
+    }
+    if (query != Query::kLayers) out.tri()[i] = -1;
+    Interval iv;
+    if (!clip(query == Query::kSurface, obj.pBound, o, d, in.dist()[i], &iv)) continue;
+    Vel32s ring[8] = {-1, -1, -1, -1, -1, -1, -1, -1}, previous = -1;
+    for (int p = 0; p < maxHits; ++p) {
+      const int at = i + p * n;
+      RayResult r{out.dist()[at], 0, 0, -1};
+      auto test = [&](Vel32s t) {
+        const VelrTriangleAccel& rec = obj.pAccel[t];
+        if (rec.axes == 0) return false;
+        const Terms h = terms(rec, o, d);
+        if (query == Query::kSurface) {
+          if (t == r.tri || std::fabs(h.den) < 1.1920928955078125e-06f) return false;
+          if (h.inside && r.dist - 0.00001f > h.t && h.t > 0) r = {h.t, h.w1, h.w2, t};
+          return false;
+        }
+        if (t == previous || !(h.inside && r.dist > h.t && h.t > 0)) return false;
+        for (int s = 0; s < p % 8; ++s)
+          if (ring[s] == t) return false;
+        r = {h.t, h.w1, h.w2, t};
+        return false;
+      };
+      walk(obj.pRootNode, o, iv, query == Query::kLayers ? 0.00019f : 0.00001f, test,
+           [&] { return r.dist; });
+      if (r.tri < 0) break;
+      for (int a = 0; a < 3; ++a) o[a] = o[a] + r.dist * d[a];
+      out.dist()[at] = p >= 1 ? r.dist + out.dist()[at - n] : r.dist;
+      out.w(0)[at] = r.w1;
+      out.w(1)[at] = r.w2;
+      out.tri()[at] = r.tri;
+      ring[p % 8] = previous = r.tri;
+      if (p + 1 == maxHits) break;
+      out.tri()[at + n] = -1;
+      out.dist()[at + n] = kMaxFloat;
+      iv.tnear = 0;
+      float tfar = kMaxFloat;
+      for (int a = 0; a < 3; ++a)
+        tfar = lesser(greater((obj.pBound[a] - o[a]) * iv.inv[a], (obj.pBound[a + 3] - o[a]) * iv.inv[a]),
+                      tfar);
+      iv.tfar = tfar + 0.0001f;
+    }
+  }
+  return out;
+}
+
+VelStatus run(Query query, Block& b, const float* origin, const VelrIntersectObject& obj,
+              int maxHits = 1) {
+  switch (query) {
+    case Query::kEye: return b.eye(origin, obj);
+    case Query::kSurface: return b.surface(obj);
+    case Query::kShadow: return b.shadow(origin, obj);
+    case Query::kLayers: return b.layers(origin, obj, maxHits);
+  }
+  return velStsNoErr;
+}
+
+// Every output of two blocks is the same, bit for bit.
+void expectSameBlocks(Block& a, Block& b, int layers = 1) {
+  for (int l = 0; l < layers; ++l)
+    for (int i = 0; i < a.size(); ++i) ASSERT_EQ(a.at(i, l), b.at(i, l)) << "ray " << i << " layer " << l;
+  for (int i = 0; i < a.size(); ++i) {
+    ASSERT_EQ(a.mask()[i], b.mask()[i]) << i;
+    ASSERT_EQ(a.occluder()[i], b.occluder()[i]) << i;
+  }
+}
+
+// ------------------------------------------------------------ single rays
+
+// Triangles in z = 0 (A = (0, 0, z), B = (1, 0, z), C = (0, 1, z)) listed by
+// a one-leaf block in a chosen order.
+struct FlatScene {
+  TestMesh mesh;
+  std::vector<VelrTriangleAccel> recs;
+  std::vector<Vel32u> block;
+  float box[6] = {-1, -1, -1, 2, 2, 2};
+  explicit FlatScene(std::vector<float> heights) {
+    for (float z : heights) {
+      const float a[3] = {0, 0, z}, b[3] = {1, 0, z}, c[3] = {0, 1, z};
+      mesh.addTriangle(a, b, c);
+    }
+    recs = velr::test::records(mesh);
+  }
+  VelrIntersectObject object(std::vector<Vel32u> order) {
+    block = {0xFFFFFFF0u, static_cast<Vel32u>(order.size()), 0, 0};
+    block.insert(block.end(), order.begin(), order.end());
+    return {box, recs.data(), reinterpret_cast<const VelrKDTreeNode*>(block.data())};
+  }
+};
+
+// One ray through the one-ray path, and in every lane of a 4 x 4 block
+// through the packet path; both must agree. Returns the result with the
+// mask and occluder in w1 and w2 for shadow rays.
+RayResult single(Query query, const VelrIntersectObject& obj, const float o[3], const float d[3],
+                 float dist, Vel32s entry = 5) {
+  RayResult r[2];
+  for (int path = 0; path < 2; ++path) {
+    Block b(4, 4, path == 0 ? 1 : 0);
+    for (int i = 0; i < b.size(); ++i) {
+      for (int a = 0; a < 3; ++a) {
+        b.o(a)[i] = o[a];
+        b.d(a)[i] = d[a];
+      }
+      b.dist()[i] = dist;
+      b.w(0)[i] = -5.0f;
+      b.w(1)[i] = -6.0f;
+      b.tri()[i] = b.mask()[i] = entry;
+      b.occluder()[i] = 42;
+    }
+    EXPECT_EQ(run(query, b, o, obj), velStsNoErr);
+    if (query == Query::kShadow)
+      for (int i = 0; i < b.size(); ++i) {
+        b.w(0)[i] = static_cast<float>(b.mask()[i]);
+        b.tri()[i] = b.occluder()[i];
+      }
+    r[path] = b.at(0);
+    for (int i = 1; i < b.size(); ++i) EXPECT_EQ(b.at(i), r[path]);
+  }
+  EXPECT_EQ(r[0], r[1]);
+  return r[0];
+}
+
+TEST(IntersectEye, DistanceLimitsEdgesAndParallelSlabs) {
+  FlatScene s({0});
+  const VelrIntersectObject obj = s.object({0});
+  const float above[3] = {0.25f, 0.25f, 1.0f}, down[3] = {0, 0, -1};
+  // A miss leaves distance and weights; no t satisfies 0 < t < limit <= 0.
+  for (float limit : {0.0f, -1.0f, 1.0f})
+    EXPECT_EQ(single(Query::kEye, obj, above, down, limit), (RayResult{limit, -5, -6, -1}));
+  EXPECT_EQ(single(Query::kEye, obj, above, down, std::nextafter(1.0f, 2.0f)),
+            (RayResult{1.0f, 0.5f, 0.25f, 0}));  // weights of A and B
+  const float below[3] = {0.25f, 0.25f, -1.0f};
+  EXPECT_EQ(single(Query::kEye, obj, below, down, 1e30f).tri, -1);
+  // On the edge AC (weight of B exactly 0), on vertex B, just outside BC.
+  const float onEdge[3] = {0.0f, 0.5f, 1.0f}, onVertex[3] = {1, 0, 1},
+              outside[3] = {0.5001f, 0.5001f, 1};
+  EXPECT_EQ(single(Query::kEye, obj, onEdge, down, 1e30f), (RayResult{1, 0.5f, -0.0f, 0}));
+  EXPECT_EQ(single(Query::kEye, obj, onVertex, down, 1e30f).tri, 0);
+  EXPECT_EQ(single(Query::kEye, obj, outside, down, 1e30f).tri, -1);
+  // A box beside the ray in x: parallel slabs are not tested.
+  s.box[0] = 5;
+  s.box[3] = 6;
+  for (float tiny : {0.0f, -0.0f, 1e-7f, -kEps}) {
+    const float d[3] = {tiny, 0, -1};
+    EXPECT_EQ(single(Query::kEye, obj, above, d, 1e30f).tri, 0) << tiny;
+  }
+  const float steep[3] = {1.2e-7f, 0, -1};
+  EXPECT_EQ(single(Query::kEye, obj, above, steep, 1e30f).tri, -1);
+}
+
+TEST(IntersectEye, DegenerateRecordsEqualDistancesAndEmptyBlocks) {
+  FlatScene s({0, 0});
+  const float p[3] = {0.2f, 0.2f, 0};
+  s.mesh.addTriangle(p, p, p);  // 2: degenerate, on the ray
+  s.recs = velr::test::records(s.mesh);
+  const float o[3] = {0.2f, 0.2f, 1}, down[3] = {0, 0, -1};
+  // The first of two triangles at the same distance keeps the hit.
+  EXPECT_EQ(single(Query::kEye, s.object({2, 0, 1}), o, down, 1e30f).tri, 0);
+  EXPECT_EQ(single(Query::kEye, s.object({2, 1, 0}), o, down, 1e30f).tri, 1);
+  EXPECT_EQ(single(Query::kEye, s.object({2}), o, down, 1e30f).tri, -1);
+
+  const VelrIntersectObject obj = s.object({0});
+  Block b(4, 4, 0, 2);
+  for (int i = 0; i < 32; ++i) b.tri()[i] = b.occluder()[i] = 9;
+  for (auto [w, h] : {std::pair{0, 4}, std::pair{4, 0}, std::pair{-4, -4}}) {
+    Vel32f* hit[2] = {b.w(0), b.w(1)};
+    const Vel32f* const dir[3] = {b.d(0), b.d(1), b.d(2)};
+    const Vel32f* const org[3] = {b.o(0), b.o(1), b.o(2)};
+    EXPECT_EQ(velrIntersectEyeSO_32f(o, dir, b.dist(), hit, b.tri(), &obj, w, h), velStsNoErr);
+    EXPECT_EQ(velrIntersectMO_32f(org, dir, b.dist(), hit, b.tri(), &obj, w, h), velStsNoErr);
+    EXPECT_EQ(velrIntersectAnySO_32f(o, dir, b.occluder(), b.mask(), w, h, &obj), velStsNoErr);
+    EXPECT_EQ(velrIntersectMultipleSO_32f(o, dir, b.dist(), hit, b.tri(), w, h, 2, &obj),
+              velStsNoErr);
+  }
+  EXPECT_EQ(b.layers(o, obj, 0), velStsNoErr);
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(b.tri()[i] + b.occluder()[i], 18);
+}
+
+TEST(IntersectFromSurface, StrictSlabsFlatTrianglesAndTheGap) {
+  FlatScene s({0, 4e-6f, 0.5f});
+  s.box[1] = 0;  // the box's lower y face holds the edge AB
+  VelrIntersectObject obj = s.object({0});
+  const float down[3] = {0, 0, -1};
+  // Parallel to y with the origin on the face y = 0: outside the open slab.
+  const float onFace[3] = {0.25f, 0, 1};
+  EXPECT_EQ(single(Query::kSurface, obj, onFace, down, 1e30f).tri, -1);
+  EXPECT_EQ(single(Query::kEye, obj, onFace, down, 1e30f).tri, 0);
+  // The triangle index on entry plays no part.
+  const float inside[3] = {0.25f, 0.25f, 1};
+  EXPECT_EQ(single(Query::kSurface, obj, inside, down, 1e30f, 0), (RayResult{1, 0.5f, 0.25f, 0}));
+  // |den| below ten epsilons is passed over.
+  const float low[3] = {0.1f, 0.2f, 5e-8f}, grazing[3] = {1, 0, -1.0e-6f}, steeper[3] = {1, 0, -1.3e-6f};
+  EXPECT_EQ(single(Query::kSurface, obj, low, grazing, 1e30f).tri, -1);
+  EXPECT_EQ(single(Query::kEye, obj, low, grazing, 1e30f).tri, 0);
+  EXPECT_EQ(single(Query::kSurface, obj, low, steeper, 1e30f).tri, 0);
+  // A hit 5e-6 away counts only for a limit beyond it by more than 0.00001.
+  const float close[3] = {0.25f, 0.25f, 5e-6f};
+  EXPECT_EQ(single(Query::kSurface, obj, close, down, 0.00001f).tri, -1);
+  EXPECT_EQ(single(Query::kSurface, obj, close, down, 0.00002f).tri, 0);
+  // Triangle 1 is 4e-6 nearer than 0: the first met keeps the hit.
+  EXPECT_EQ(single(Query::kSurface, s.object({0, 1}), inside, down, 1e30f).tri, 0);
+  EXPECT_EQ(single(Query::kSurface, s.object({1, 0}), inside, down, 1e30f).tri, 1);
+  EXPECT_EQ(single(Query::kSurface, s.object({0, 1, 2}), inside, down, 1e30f).tri, 2);
+}
+
+TEST(IntersectShadow, SegmentMaskAndFirstBlocker) {
+  FlatScene s({0, 0.5f});
+  const float o[3] = {0.25f, 0.25f, 1};
+  auto shadow = [&](std::vector<Vel32u> order, float dz, Vel32s mask) {
+    VelrIntersectObject obj = s.object(order);
+    obj.pBound = nullptr;  // never read
+    const float d[3] = {0, 0, dz};
+    const RayResult r = single(Query::kShadow, obj, o, d, 0, mask);
+    return std::pair<Vel32s, Vel32s>(r.tri, static_cast<Vel32s>(r.w1));
+  };
+  using P = std::pair<Vel32s, Vel32s>;
+  EXPECT_EQ(shadow({0}, -1.0f, 3), P(-1, 3));  // a blocker at t = 1 does not block
+  EXPECT_EQ(shadow({0}, -1.0001f, 3), P(0, -1));
+  EXPECT_EQ(shadow({0}, -1.0001f, -2), P(-1, -2));
+  EXPECT_EQ(shadow({0}, 0.0f, 0), P(-1, 0));
+  // The first blocker met ends the search, not the nearest one.
+  EXPECT_EQ(shadow({0, 1}, -2.0f, 0).first, 0);
+  EXPECT_EQ(shadow({1, 0}, -2.0f, 0).first, 1);
+}
+
+TEST(IntersectLayers, ParallelLayersFromOneOrigin) {
+  // Six square layers z = 0 .. 5, two triangles each, seen from above.
+  TestMesh m;
+  for (int z = 0; z < 6; ++z) {
+    const float a[3] = {-2, -2, float(z)}, b[3] = {2, -2, float(z)}, c[3] = {2, 2, float(z)},
+                e[3] = {-2, 2, float(z)};
+    m.addTriangle(a, b, c);
+    m.addTriangle(a, c, e);
+  }
+  const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
+  const std::vector<float> box = velr::test::boxOf(m);
+  const velr::test::Tree tree = velr::test::buildTree(m, velr::test::fullOptions(1.0f));
+  const VelrIntersectObject obj{box.data(), recs.data(), tree.root()};
+  const float origin[3] = {0.1f, -0.3f, 9.0f};
+  constexpr int kSide = 8, kLayers = 8;
+  Block in(kSide, kSide, 0, kLayers);
+  for (int i = 0; i < in.size(); ++i) {
+    in.d(0)[i] = -1.9f + 0.5f * (i % kSide) - origin[0];
+    in.d(1)[i] = -1.7f + 0.45f * (i / kSide) - origin[1];
+    in.d(2)[i] = -origin[2];
+    for (int l = 0; l < kLayers; ++l) {
+      const int j = i + l * in.size();
+      in.dist()[j] = l == 0 ? (i == 3 ? 0.4f : 1e30f) : 77.0f;  // ray 3 stops short
+      in.w(0)[j] = in.w(1)[j] = 77.0f;
+      in.tri()[j] = 9;
+    }
+  }
+  for (int maxHits : {1, 3, 8}) {
+    Block out(kSide, kSide, 0, kLayers), eye(kSide, kSide, 0);
+    out.copyFrom(in);
+    eye.copyFrom(in);
+    ASSERT_EQ(out.layers(origin, obj, maxHits), velStsNoErr);
+    eye.eye(origin, obj);
+    for (int i = 0; i < in.size(); ++i) {
+      EXPECT_EQ(out.at(i, 0), eye.at(i));  // the first layer is the nearest hit
+      const int hits = i == 3 ? 0 : std::min(6, maxHits);
+      for (int l = 0; l < kLayers; ++l) {
+        const RayResult r = out.at(i, l);
+        if (l < hits) {
+          // On the plane z = 5 - l, the distance counted from the origin.
+          EXPECT_EQ(r.tri / 2, 5 - l);
+          EXPECT_NEAR(r.dist, (origin[2] - (5 - l)) / origin[2], 1e-5);
+        } else {
+          // maxHits layers are cleared, the layer after the last hit reset,
+          // everything else left as it was.
+          EXPECT_EQ(r.tri, l < maxHits ? -1 : 9) << i << " " << l;
+          const bool reset = hits > 0 && l == hits && l < maxHits;
+          EXPECT_EQ(r.dist, reset ? kMaxFloat : in.dist()[i + l * in.size()]) << i << " " << l;
+          EXPECT_EQ(r.w1, 77.0f);
+        }
+      }
+    }
+  }
+}
+
+// ------------------------------------------------------------ agreement
+
+// Rays in all directions from origins spread over [-reach, reach]^3, with
+// now and then a parallel component or a short limit; origins of shared-
+// origin queries come from `origin`, and shadow rays point at the per-ray
+// origins from there.
+void randomRays(Block* b, velr::workloads::SplitMix64& rng, float reach, const float* origin,
+                bool towards) {
+  for (int i = 0; i < b->size(); ++i) {
+    for (int a = 0; a < 3; ++a) {
+      b->o(a)[i] = static_cast<float>(rng.uniform(-reach, reach));
+      b->d(a)[i] = towards ? b->o(a)[i] - origin[a] : static_cast<float>(rng.uniform(-1, 1));
+    }
+    if (i % 29 == 0) b->d(i % 3)[i] = 0.0f;
+    b->dist()[i] = i % 17 == 0 ? static_cast<float>(rng.uniform(0, 2)) : 1e30f;
+    b->tri()[i] = static_cast<Vel32s>(rng.next() % 50);
+    b->mask()[i] = i % 11 == 0 ? -1 : static_cast<Vel32s>(rng.next() % 5);
+  }
+}
+
+TEST(Intersect, ArbitraryTreesFollowTheDocumentedWalkOnEveryPath) {
+  // Random trees whose leaves hold random triangles: which leaves a ray
+  // visits, in which order and with which interval decides what it finds.
+  velr::workloads::SplitMix64 rng(17);
   const TestMesh m = velr::test::soup(300, 8, 1.0);
   const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
   const float box[6] = {-1, -1, -1, 1, 1, 1};
-  int hits = 0;
-  for (int round = 0; round < 12; ++round) {
+  constexpr int kLayers = 3;
+  int found = 0;
+  for (int round = 0; round < 10; ++round) {
     const std::vector<Vel32u> tree = velr::test::randomTree(rng, m.nt());
     const VelrIntersectObject obj{box, recs.data(),
                                   reinterpret_cast<const VelrKDTreeNode*>(tree.data())};
-    float o[3];
-    for (float& x : o) x = static_cast<float>(rng.uniform(-1.5, 1.5));
-    Block in(16, 16, 0);
-    for (int i = 0; i < in.size(); ++i) {
-      // Coherent rays, as packets are meant for, with now and then a
-      // parallel component.
-      for (int a = 0; a < 3; ++a)
-        in.dir[a][i] = static_cast<float>(-o[a] - 0.9 + 0.6 * ((i >> (2 * a)) % 4) +
-                                          rng.uniform(-0.05, 0.05));
-      if (i % 37 == 0) in.dir[i % 3][i] = 0.0f;
-      in.dist[i] = i % 23 == 0 ? 1.0f : 1e30f;
+    float origin[3];
+    for (float& x : origin) x = static_cast<float>(rng.uniform(-1.5, 1.5));
+    for (Query q : {Query::kEye, Query::kSurface, Query::kShadow, Query::kLayers}) {
+      Block in(16, 16, 0, kLayers);
+      randomRays(&in, rng, 0.9f, origin, q != Query::kSurface);
+      Block one(16, 16, 1, kLayers);
+      one.copyFrom(in);
+      run(q, one, origin, obj, kLayers);
+      Block want = expected(q, obj, origin, in, 16, 16, q == Query::kLayers ? kLayers : 1);
+      expectSameBlocks(one, want, q == Query::kLayers ? kLayers : 1);
+      for (int i = 0; i < in.size(); ++i) found += one.tri()[i] >= 0 || one.occluder()[i] >= 0;
+      velr::test::forEachTarget([&](const std::string& target) {
+        SCOPED_TRACE(target);
+        Block packet(16, 16, 0, kLayers);
+        packet.copyFrom(in);
+        run(q, packet, origin, obj, kLayers);
+        expectSameBlocks(packet, one, kLayers);
+      });
     }
-    Block single(16, 16, 1);
-    single.copyInputsFrom(in);
-    single.trace(o, obj);
-    for (int i = 0; i < in.size(); ++i) {
-      const float d[3] = {in.dir[0][i], in.dir[1][i], in.dir[2][i]};
-      expectSame(single.at(i), documentedWalk(obj, o, d, in.dist[i]), i);
-      hits += single.tri[i] >= 0;
-    }
-    velr::test::forEachTarget([&](const std::string& target) {
-      Block packet(16, 16, 0);
-      packet.copyInputsFrom(in);
-      packet.trace(o, obj);
-      SCOPED_TRACE(target);
-      for (int i = 0; i < in.size(); ++i) expectSame(packet.at(i), single.at(i), i);
-    });
   }
-  EXPECT_GT(hits, 300);
+  EXPECT_GT(found, 1000);
 }
 
-TEST(IntersectEye, PacketsGiveTheOneRayResultOnEveryTarget) {
+TEST(Intersect, FullTreesAgreeWithBruteForce) {
+  const TestMesh meshes[] = {velr::test::bumpy(12), velr::test::soup(2000, 21, 0.3),
+                             velr::test::lattice()};
+  int hits = 0, ties = 0, blocked = 0;
+  for (TestMesh m : meshes) {
+    if (m.nt() == 864)
+      for (float& x : m.v) x = x / 3.0f - 1.0f;  // the lattice, into [-1, 1]
+    const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
+    const std::vector<float> box = velr::test::boxOf(m);
+    const velr::test::Tree all = velr::test::buildTree(m, velr::test::kOneLeaf);
+    const VelrIntersectObject brute{box.data(), recs.data(), all.root()};
+    velr::workloads::SplitMix64 rng(1234 + m.nt());
+    for (float q : {0.0f, 1.0f}) {
+      const velr::test::Tree full = velr::test::buildTree(m, velr::test::fullOptions(q, 40));
+      const VelrIntersectObject tree{box.data(), recs.data(), full.root()};
+      for (int round = 0; round < 4; ++round) {
+        float origin[3];
+        for (float& x : origin) x = static_cast<float>(rng.uniform(-3, 3));
+        for (Query query : {Query::kEye, Query::kSurface, Query::kShadow}) {
+          Block a(32, 32, 0), b(32, 32, 1);
+          randomRays(&a, rng, 1.1f, origin, query == Query::kShadow);
+          if (query == Query::kEye)
+            for (int i = 0; i < a.size(); ++i)
+              for (int k = 0; k < 3; ++k) a.d(k)[i] = a.o(k)[i] - origin[k];
+          b.copyFrom(a);
+          run(query, a, origin, tree);
+          run(query, b, origin, brute);
+          for (int i = 0; i < a.size(); ++i) {
+            ASSERT_EQ(a.mask()[i], b.mask()[i]) << i;  // blocked or not
+            blocked += a.occluder()[i] >= 0;
+            ASSERT_EQ(a.tri()[i] >= 0, b.tri()[i] >= 0) << i;
+            hits += a.tri()[i] >= 0;
+            if (a.tri()[i] == b.tri()[i]) {
+              EXPECT_EQ(a.at(i), b.at(i));
+            } else if (query == Query::kEye) {
+              // Only triangles at exactly the same distance may differ.
+              EXPECT_EQ(a.dist()[i], b.dist()[i]) << i;
+              ++ties;
+            } else {
+              // From surfaces, hits within the 0.00001 gap of each other.
+              EXPECT_NEAR(a.dist()[i], b.dist()[i], 1.1e-5) << i;
+            }
+          }
+        }
+      }
+    }
+  }
+  EXPECT_GT(hits, 20000);
+  EXPECT_GT(blocked, 5000);
+  EXPECT_LT(ties, hits / 100);
+}
+
+TEST(IntersectEye, PacketsGiveTheOneRayResultForOddRays) {
+  // A fan whose signs change mid-block, with parallel, NaN and huge
+  // components, short and negative limits, and whole tiles of parallel rays.
   const TestMesh m = velr::test::bumpy(10);
   const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
-  const std::vector<float> box = velr::test::boundsOf(m);
+  const std::vector<float> box = velr::test::boxOf(m);
   const velr::test::Tree tree = velr::test::buildTree(m, velr::test::fullOptions(1.0f, 40));
   const VelrIntersectObject obj{box.data(), recs.data(), tree.root()};
   const float origin[3] = {0.3f, 0.2f, 2.5f};
   constexpr int kSide = 48;
   Block in(kSide, kSide, 0);
   velr::workloads::SplitMix64 rng(99);
-  const float specials[] = {0.0f, -0.0f, 1e-8f, -1e-8f, 1.1920928955078125e-07f,
+  const float specials[] = {0.0f, -0.0f, 1e-8f, -1e-8f, kEps,
                             std::numeric_limits<float>::quiet_NaN(), 1e30f};
-  for (int y = 0; y < kSide; ++y)
-    for (int x = 0; x < kSide; ++x) {
-      const int i = y * kSide + x;
-      // A fan through the mesh whose x and y signs change mid-block, so some
-      // tiles mix signs.
-      in.dir[0][i] = -0.3f + 0.9f * (x - kSide / 2 + 0.5f) / kSide;
-      in.dir[1][i] = -0.2f + 0.9f * (y - kSide / 2 + 0.5f) / kSide;
-      in.dir[2][i] = -1.0f;
-      in.dist[i] = 1e30f;
-      in.hit[0][i] = in.hit[1][i] = 7.0f;
-      in.tri[i] = 5;
-      if (rng.next() % 11 == 0) in.dir[rng.next() % 3][i] = specials[rng.next() % 7];
-      if (rng.next() % 13 == 0) in.dist[i] = static_cast<float>(rng.uniform(-1, 3));
-    }
-  // Whole tiles of parallel rays and rays starting beyond every triangle.
-  for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 4; ++x) {
-      in.dir[0][y * kSide + x + 8] = 0.0f;
-      in.dist[(y + 8) * kSide + x] = 0.5f;
-    }
-
-  Block single(kSide, kSide, 1);
-  single.copyInputsFrom(in);
-  single.trace(origin, obj);
+  for (int i = 0; i < in.size(); ++i) {
+    in.d(0)[i] = -0.3f + 0.9f * (i % kSide - kSide / 2 + 0.5f) / kSide;
+    in.d(1)[i] = -0.2f + 0.9f * (i / kSide - kSide / 2 + 0.5f) / kSide;
+    const int y = (i / kSide) % 16, x = (i % kSide) % 16;
+    in.d(2)[i] = y >= 8 && y < 12 && x < 4 ? 0.0f : -1.0f;
+    in.dist()[i] = 1e30f;
+    in.w(0)[i] = in.w(1)[i] = 7.0f;
+    if (rng.next() % 11 == 0) in.d(rng.next() % 3)[i] = specials[rng.next() % 7];
+    if (rng.next() % 13 == 0) in.dist()[i] = static_cast<float>(rng.uniform(-1, 3));
+  }
+  Block one(kSide, kSide, 1);
+  one.copyFrom(in);
+  one.eye(origin, obj);
   int hits = 0;
-  for (int i = 0; i < single.size(); ++i) hits += single.tri[i] >= 0;
-  EXPECT_GT(hits, single.size() / 4);
-
+  for (int i = 0; i < one.size(); ++i) hits += one.tri()[i] >= 0;
+  EXPECT_GT(hits, one.size() / 4);
   velr::test::forEachTarget([&](const std::string& target) {
+    SCOPED_TRACE(target);
     Block packet(kSide, kSide, 0);
-    packet.copyInputsFrom(in);
-    packet.trace(origin, obj);
-    for (int i = 0; i < packet.size(); ++i) {
-      SCOPED_TRACE(target);
-      expectSame(packet.at(i), single.at(i), i);
-    }
+    packet.copyFrom(in);
+    packet.eye(origin, obj);
+    expectSameBlocks(packet, one);
   });
 }
 
