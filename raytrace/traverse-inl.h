@@ -3,9 +3,10 @@
 // traversal (traverse.h) would keep for its ray, so each ray visits the same
 // leaves in the same order with the same interval and gets the same result.
 //
-// How the shared walk reproduces each ray's own walk: all rays of a packet
-// share their direction signs, so near and far children are the same for
-// all. At an inner node a ray either goes far only, near only, or both (far
+// How the shared walk reproduces each ray's own walk: the rays that walk
+// together share their direction signs (a packet whose lanes differ walks
+// once per sign group), so near and far children are the same for all of
+// them. At an inner node a ray either goes far only, near only, or both (far
 // pushed). The packet visits the near child with the rays that go there and
 // pushes the far child with two lane masks: rays that go far only (their
 // state is kept untouched until the entry is popped) and rays that go both

@@ -335,11 +335,6 @@ inline void traceNearestRay(const VelrIntersectObject& obj, const Ray& ray, Vel3
   *triangle = q.triangle;
 }
 
-inline void traceEyeRay(const VelrIntersectObject& obj, const Ray& ray, Vel32f* dist, Vel32f* w1,
-                        Vel32f* w2, Vel32s* triangle) {
-  traceNearestRay<false>(obj, ray, dist, w1, w2, triangle);
-}
-
 // One shadow ray: rays switched off in the mask are skipped; a blocked ray is
 // switched off and records its blocker.
 inline void traceShadowRay(const VelrIntersectObject& obj, const Ray& ray, Vel32s* occluder,
