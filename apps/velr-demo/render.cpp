@@ -337,8 +337,9 @@ void Tracer::traceTile(const Camera& cam, int bx, int by, TileWork& w, Framebuff
   t = Clock::now();
 
   // One mirror bounce for the hits on reflective materials. Each mirror ray
-  // starts at its own hit point; the triangle it leaves is handed in, and
-  // rays that do not reflect get a zero length so they find nothing.
+  // starts at its own hit point, which lies a hair in front of the surface
+  // it leaves; rays that do not reflect get a zero length so they find
+  // nothing.
   int reflecting = 0;
   for (int i = 0; i < n; ++i) {
     const int tri = eye.tri[i];
@@ -350,10 +351,7 @@ void Tracer::traceTile(const Camera& cam, int bx, int by, TileWork& w, Framebuff
   if (reflecting > 0) {
     check(velrCastReflectionRay_32f(eye.dir, w.reflMask, eye.normal, bounce.dir, n),
           "velrCastReflectionRay_32f");
-    for (int i = 0; i < n; ++i) {
-      bounce.dist[i] = w.reflMask[i] >= 0 ? kFar : 0.0f;
-      bounce.tri[i] = w.reflMask[i];
-    }
+    for (int i = 0; i < n; ++i) bounce.dist[i] = w.reflMask[i] >= 0 ? kFar : 0.0f;
     check(velrIntersectMO_32f(eye.point, bounce.dir, bounce.dist, bounce.hit, bounce.tri, &object_,
                               kTile, kTile),
           "velrIntersectMO_32f");

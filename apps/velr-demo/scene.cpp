@@ -45,9 +45,9 @@ void Sky::radiance(float x, float y, float z, float rgb[3]) const {
 
 Scene defaultScene(const SceneMesh* replacement) {
   Scene s;
-  s.materials[kGround] = {{0.80f, 0.78f, 0.74f}, {0.28f, 0.30f, 0.34f}, 1.0f, 1.0f, 0.12f};
-  s.materials[kBumpy] = {{0.85f, 0.38f, 0.12f}, {0, 0, 0}, 0.0f, 1.0f, 0.0f};
-  s.materials[kMirror] = {{0.90f, 0.92f, 0.95f}, {0, 0, 0}, 0.0f, 0.06f, 0.88f};
+  s.materials[kGround] = {{0.72f, 0.70f, 0.66f}, {0.16f, 0.18f, 0.22f}, 1.0f, 1.0f, 0.0f};
+  s.materials[kBumpy] = {{0.80f, 0.24f, 0.06f}, {0, 0, 0}, 0.0f, 1.0f, 0.0f};
+  s.materials[kMirror] = {{0.90f, 0.92f, 0.95f}, {0, 0, 0}, 0.0f, 0.05f, 0.9f};
   s.materialCount = 3;
 
   s.mesh.append(makeGround(24.0f, 24), kGround);
@@ -57,16 +57,16 @@ Scene defaultScene(const SceneMesh* replacement) {
     placeOnGround(model, 2.1f, bumpyCentre[0], bumpyCentre[2]);
     s.mesh.append(model, kBumpy);
   } else {
-    s.mesh.append(makeSphere(48, bumpyCentre, 0.95f, 9, 0.035f, 2024), kBumpy);
+    s.mesh.append(makeSphere(48, bumpyCentre, 0.95f, 7, 0.03f, 2024), kBumpy);
   }
   const float mirrorCentre[3] = {1.25f, 0.9f, -0.55f};
   s.mesh.append(makeSphere(40, mirrorCentre, 0.9f, 0, 0.0f, 1), kMirror);
 
-  s.light = {{-3.5f, 6.0f, 4.0f}, {60.0f, 56.0f, 50.0f}};
+  s.light = {{-5.0f, 5.0f, 4.5f}, {72.0f, 68.0f, 60.0f}};
   double toLight[3] = {s.light.position[0], s.light.position[1], s.light.position[2]};
   normalize(toLight);
-  s.sky = {{0.20f, 0.38f, 0.80f}, {0.85f, 0.86f, 0.88f}, {0.22f, 0.19f, 0.16f},
-           {float(toLight[0]), float(toLight[1]), float(toLight[2])}, 0.6f, 0.55f};
+  s.sky = {{0.12f, 0.26f, 0.62f}, {0.78f, 0.80f, 0.84f}, {0.20f, 0.17f, 0.14f},
+           {float(toLight[0]), float(toLight[1]), float(toLight[2])}, 0.5f, 0.35f};
   const float eye[3] = {0.3f, 2.3f, 6.4f}, target[3] = {0.1f, 0.75f, 0.0f};
   std::copy(eye, eye + 3, s.eye);
   std::copy(target, target + 3, s.target);
