@@ -10,7 +10,6 @@
 #include "volume/remap-inl.h"
 
 #if HWY_ONCE
-#include "frame/alloc.h"
 #include "velcore.h"
 #include "velr.h"
 #include "volume/common.h"
@@ -86,8 +85,7 @@ VelStatus remapPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Ve
   job.src.width = plane.width;
   job.src.height = plane.height;
   job.src.depth = 1;
-  if (lowered >= VELR_INTER_CUBIC_LAGRANGE) job.src.weights = cubicWeightTable(lowered);
-  const ScratchBlock vectorAddressing = enableVectorForms(job.src, lowered, true);
+  job.src.setCode(lowered);
   job.maps[0] = pxMap;
   job.maps[1] = pyMap;
   job.maps[2] = nullptr;
@@ -124,8 +122,7 @@ VelStatus remap(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCub
   job.src.width = srcVolume.width;
   job.src.height = srcVolume.height;
   job.src.depth = srcVolume.depth;
-  if (code >= VELR_INTER_CUBIC_LAGRANGE) job.src.weights = cubicWeightTable(code);
-  const ScratchBlock vectorAddressing = enableVectorForms(job.src, code, false);
+  job.src.setCode(code);
   job.maps[0] = pxMap;
   job.maps[1] = pyMap;
   job.maps[2] = pzMap;

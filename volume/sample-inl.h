@@ -211,31 +211,55 @@ HWY_INLINE const T* SourceLine(const SampleSource<T>& s, int y, int z) {
   return s.planes[z] + static_cast<ptrdiff_t>(y) * s.lineStep;
 }
 
-// Nearest copies the voxel's bits (a float is not converted).
-template <class T, int kDims>
-HWY_INLINE void NearestOne(const SampleSource<T>& s, const int at[3], T* out) {
-  std::memcpy(out, SourceLine(s, at[1], kDims == 3 ? at[2] : 0) + at[0], sizeof(T));
+// A line below index 0 on y or z (reached only by the two-tap step back on a
+// region that ends at 0, with weight 0) is not read: its taps count as 0.
+template <class T>
+HWY_INLINE const T* LineOrNull(const SampleSource<T>& s, int y, int z) {
+  return (y < 0 || z < 0) ? nullptr : SourceLine(s, y, z);
 }
 
-// Two taps per axis. An integer part on the region's last index steps back
-// one voxel (fraction 1.0), so the cell stays two voxels wide; on a region
-// that ends at index 0 the step reaches index -1, whose taps weigh 0 and are
-// taken as 0 instead of being read from outside the volume.
+// Taps x and x + 1 of a line; a tap below index 0 counts as 0 likewise.
+template <class T>
+HWY_INLINE void PairOfLine(const T* line, int x, T out[2]) {
+  out[0] = (line != nullptr && x >= 0) ? line[x] : T(0);
+  out[1] = line != nullptr ? line[x + 1] : T(0);
+}
+
+// The two-tap cell of an axis: an integer part on the region's last index
+// steps back one voxel (fraction 1.0), so the cell stays two voxels wide.
+HWY_INLINE int LinearCell(int i, int last) { return i == last ? last - 1 : i; }
+
+// Four-tap indices of an axis: the region's rule (lower clamp at the volume's
+// index 0, upper clamp at the region's end), then the volume's last index,
+// which only binds on planes too small to have been lowered to fewer taps.
+HWY_INLINE void CubicTaps(int i, int last, int extent, int tap[4]) {
+  regionCubicTaps(i, last, tap);
+  for (int k = 0; k < 4; ++k) tap[k] = tap[k] < extent - 1 ? tap[k] : extent - 1;
+}
+
+// Taps i - 1 .. i + 2 need no clamping on this axis.
+HWY_INLINE bool CubicInner(int i, int last) { return i >= 1 && i <= last - 2; }
+
+// Nearest copies the voxel's bits (a float is not converted).
+template <class T, int kDims>
+HWY_INLINE void NearestOne(const SampleSource<T>& s, int x, int y, int z, T* out) {
+  std::memcpy(out, SourceLine(s, y, kDims == 3 ? z : 0) + x, sizeof(T));
+}
+
 template <class T, int kDims>
 HWY_INLINE float LinearOne(const SampleSource<T>& s, const AxisPos pos[3]) {
   const int last[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
-  int i[3];
+  int i[3] = {0, 0, 0};
   float t[3], u[3];
   for (int a = 0; a < kDims; ++a) {
-    i[a] = pos[a].i == last[a] ? last[a] - 1 : pos[a].i;
+    i[a] = LinearCell(pos[a].i, last[a]);
     t[a] = pos[a].f - static_cast<float>(i[a]);
     u[a] = 1.0f - t[a];
   }
   const auto row = [&](int y, int z) {
-    const T* line = (y < 0 || z < 0) ? nullptr : SourceLine(s, y, z);
-    const float s0 = (line != nullptr && i[0] >= 0) ? static_cast<float>(line[i[0]]) : 0.0f;
-    const float s1 = line != nullptr ? static_cast<float>(line[i[0] + 1]) : 0.0f;
-    return s0 * u[0] + s1 * t[0];
+    T p[2];
+    PairOfLine(LineOrNull(s, y, z), i[0], p);
+    return static_cast<float>(p[0]) * u[0] + static_cast<float>(p[1]) * t[0];
   };
   if constexpr (kDims == 2) {
     return row(i[1], 0) * u[1] + row(i[1] + 1, 0) * t[1];
@@ -246,25 +270,20 @@ HWY_INLINE float LinearOne(const SampleSource<T>& s, const AxisPos pos[3]) {
   }
 }
 
-// Four taps per axis: the region's tap rule (lower clamp at the volume's
-// index 0, upper clamp at the region's end), then the volume's last index,
-// which only binds on planes too small to have been lowered to fewer taps.
-// Weights come from the sampled table at the distances |k - t|.
-HWY_INLINE void CubicAxisOne(const float* table, AxisPos p, int last, int extent, int tap[4],
-                             float w[4]) {
-  regionCubicTaps(p.i, last, tap);
-  for (int k = 0; k < 4; ++k) tap[k] = tap[k] < extent - 1 ? tap[k] : extent - 1;
-  const float t = p.f - static_cast<float>(p.i);
-  for (int k = 0; k < 4; ++k) w[k] = sampledWeight(table, std::fabs(static_cast<float>(k - 1) - t));
-}
-
+// The separable four-tap sum: dot products along x for each tap line, then
+// along y, then along z, each summed from the first tap on.
 template <class T, int kDims>
 HWY_INLINE float CubicOne(const SampleSource<T>& s, const AxisPos pos[3]) {
   const int last[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
   const int extent[3] = {s.width, s.height, s.depth};
-  int tap[3][4];
+  int tap[3][4] = {};
   float w[3][4];
-  for (int a = 0; a < kDims; ++a) CubicAxisOne(s.weights, pos[a], last[a], extent[a], tap[a], w[a]);
+  for (int a = 0; a < kDims; ++a) {
+    CubicTaps(pos[a].i, last[a], extent[a], tap[a]);
+    const float t = pos[a].f - static_cast<float>(pos[a].i);
+    for (int k = 0; k < 4; ++k)
+      w[a][k] = sampledWeight(s.weights, std::fabs(static_cast<float>(k - 1) - t));
+  }
   const auto column = [&](int z) {
     float r[4];
     for (int b = 0; b < 4; ++b) {
@@ -312,144 +331,159 @@ HWY_INLINE T CubicToVoxel(float v) {
 }
 
 #if HWY_TARGET != HWY_SCALAR
-// ---------------------------------------------------------------- vector taps
+// ---------------------------------------------------------------- lane blocks
+//
+// The vector forms work on blocks of one vector of destination voxels. The
+// positions, region tests, cells, fractions and weight indices are computed
+// in vector form; then a loop over the lanes copies each voxel's taps, a
+// whole run of adjacent taps per source line where the cell is inside the
+// region (the in-range fast path), tap by tap where the region's tap rule
+// clamps (the gather path), into lane-major buffers; then the interpolation
+// runs in vector form on the transposed taps. Both paths fill the buffers with
+// the same values, so they give the same results. Copying taps with plain
+// loads beats hardware gathers, which fetch one element at a time.
 
-// The byte offset of a line: its plane's offset plus y lines.
-template <class T, int kDims>
-HWY_INLINE SampleVI LineOffset(const SampleSource<T>& s, SampleVI y, SampleVI plane) {
-  const SampleDI di;
-  const SampleVI lines = hn::Mul(y, hn::Set(di, s.lineBytes));
-  return kDims == 3 ? hn::Add(plane, lines) : lines;
+inline constexpr size_t kSampleLanes = hn::MaxLanes(SampleDF());
+
+// The taps of a whole chunk of blocks are copied before any block is
+// interpolated: the vector loads of a block's taps then come long after the
+// small stores that wrote them, instead of waiting on them.
+inline constexpr size_t kSampleChunk = kSampleLanes < 32 ? 32 : kSampleLanes;
+
+// Blocks of n lanes in the next chunk of a run with `left` voxels to go.
+HWY_INLINE int SampleChunkBlocks(int left, int n) {
+  const int blocks = static_cast<int>(kSampleChunk) / n;
+  return left / n < blocks ? left / n : blocks;
 }
 
-template <class T>
-HWY_INLINE SampleVI Words(const SampleSource<T>& s, SampleVI offsets) {
-  return hn::GatherOffset(SampleDI(), reinterpret_cast<const int32_t*>(s.base), offsets);
-}
+// Per-lane integer parts and region flags of a block.
+struct SampleLanes {
+  HWY_ALIGN int32_t x[kSampleLanes];
+  HWY_ALIGN int32_t y[kSampleLanes];
+  HWY_ALIGN int32_t z[kSampleLanes];
+  HWY_ALIGN int32_t active[kSampleLanes];
 
-// Bits `shift` and up of each 32-bit word, unsigned.
-HWY_INLINE SampleVI WordShift(SampleVI w, SampleVI shift) {
-  const SampleDU du;
-  return hn::BitCast(SampleDI(), hn::Shr(hn::BitCast(du, w), hn::BitCast(du, shift)));
-}
+  template <int kDims>
+  HWY_INLINE void Store(const SampleVI i[3], SampleMask m) {
+    const SampleDI di;
+    hn::Store(i[0], di, x);
+    hn::Store(i[1], di, y);
+    if constexpr (kDims == 3) {
+      hn::Store(i[2], di, z);
+    } else {
+      hn::Store(hn::Zero(di), di, z);
+    }
+    hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active);
+  }
+};
 
 HWY_INLINE SampleVF LowBits(SampleVI w, int32_t mask) {
   return hn::ConvertTo(SampleDF(), hn::And(w, hn::Set(SampleDI(), mask)));
 }
 
-// One tap per lane at voxel index x. 8- and 16-bit voxels come from a 32-bit
-// word that starts early enough to end inside the line, shifted down.
-template <class T>
-struct OneTap {
-  SampleVI offset;  // bytes from the line start to the word or float
-  SampleVI shift;   // bits to drop from the word
-};
-
-template <class T>
-HWY_INLINE OneTap<T> PrepareOneTap(const SampleSource<T>& s, SampleVI x) {
-  const SampleDI di;
-  if constexpr (sizeof(T) == 4) {
-    return {hn::ShiftLeft<2>(x), hn::Zero(di)};
-  } else {
-    const SampleVI p = hn::Min(x, hn::Set(di, s.width - (sizeof(T) == 1 ? 4 : 2)));
-    const SampleVI bytes = sizeof(T) == 1 ? p : hn::ShiftLeft<1>(p);
-    const SampleVI shift = hn::ShiftLeft<sizeof(T) == 1 ? 3 : 4>(hn::Sub(x, p));
-    return {bytes, shift};
-  }
-}
-
-template <class T>
-HWY_INLINE SampleVI OneTapBits(const SampleSource<T>& s, SampleVI line, const OneTap<T>& x) {
-  const SampleVI w = Words(s, hn::Add(line, x.offset));
-  if constexpr (sizeof(T) == 4) {
-    return w;
-  } else {
-    return hn::And(WordShift(w, x.shift), hn::Set(SampleDI(), sizeof(T) == 1 ? 0xFF : 0xFFFF));
-  }
-}
-
-template <class T>
-HWY_INLINE SampleVF OneTapValue(const SampleSource<T>& s, SampleVI line, const OneTap<T>& x) {
-  if constexpr (sizeof(T) == 4) {
-    return hn::GatherOffset(SampleDF(), reinterpret_cast<const float*>(s.base),
-                            hn::Add(line, x.offset));
-  } else {
-    return hn::ConvertTo(SampleDF(), OneTapBits(s, line, x));
-  }
-}
-
-// Two adjacent taps x, x + 1 per lane.
-template <class T>
-HWY_INLINE OneTap<T> PreparePair(const SampleSource<T>& s, SampleVI x) {
-  const SampleDI di;
-  if constexpr (sizeof(T) == 1) {
-    return PrepareOneTap<T>(s, x);  // word at min(x, width - 4): both bytes inside
-  } else {
-    (void)s;
-    return {hn::ShiftLeft<sizeof(T) == 4 ? 2 : 1>(x), hn::Zero(di)};
-  }
-}
-
-template <class T>
-HWY_INLINE void PairValues(const SampleSource<T>& s, SampleVI line, const OneTap<T>& x,
-                           SampleVF& s0, SampleVF& s1) {
+// kTaps taps per lane, stored lane after lane (tap-minor), as kTaps vectors
+// with one lane per voxel.
+template <class T, int kTaps>
+HWY_INLINE void LoadLaneTaps(const T* HWY_RESTRICT row, SampleVF v[kTaps]) {
   const SampleDF df;
-  const SampleVI at = hn::Add(line, x.offset);
+  const SampleDI di;
+  const size_t n = hn::Lanes(df);
   if constexpr (sizeof(T) == 4) {
-    const float* base = reinterpret_cast<const float*>(s.base);
-    s0 = hn::GatherOffset(df, base, at);
-    s1 = hn::GatherOffset(df, base, hn::Add(at, hn::Set(SampleDI(), 4)));
+    const float* f = reinterpret_cast<const float*>(row);
+    if constexpr (kTaps == 2) {
+      const SampleVF a = hn::LoadU(df, f), b = hn::LoadU(df, f + n);
+      v[0] = hn::ConcatEven(df, b, a);
+      v[1] = hn::ConcatOdd(df, b, a);
+    } else {
+      const SampleVF q0 = hn::LoadU(df, f), q1 = hn::LoadU(df, f + n);
+      const SampleVF q2 = hn::LoadU(df, f + 2 * n), q3 = hn::LoadU(df, f + 3 * n);
+      const SampleVF even01 = hn::ConcatEven(df, q1, q0), odd01 = hn::ConcatOdd(df, q1, q0);
+      const SampleVF even23 = hn::ConcatEven(df, q3, q2), odd23 = hn::ConcatOdd(df, q3, q2);
+      v[0] = hn::ConcatEven(df, even23, even01);
+      v[1] = hn::ConcatEven(df, odd23, odd01);
+      v[2] = hn::ConcatOdd(df, even23, even01);
+      v[3] = hn::ConcatOdd(df, odd23, odd01);
+    }
   } else if constexpr (sizeof(T) == 2) {
-    const SampleVI w = Words(s, at);
-    s0 = LowBits(w, 0xFFFF);
-    s1 = LowBits(hn::ShiftRight<16>(w), 0xFFFF);
+    const int32_t* w = reinterpret_cast<const int32_t*>(row);
+    if constexpr (kTaps == 2) {
+      const SampleVI a = hn::LoadU(di, w);
+      v[0] = LowBits(a, 0xFFFF);
+      v[1] = LowBits(hn::ShiftRight<16>(a), 0xFFFF);
+    } else {
+      const SampleVI a = hn::LoadU(di, w), b = hn::LoadU(di, w + n);
+      const SampleVI lo = hn::ConcatEven(di, b, a), hi = hn::ConcatOdd(di, b, a);
+      v[0] = LowBits(lo, 0xFFFF);
+      v[1] = LowBits(hn::ShiftRight<16>(lo), 0xFFFF);
+      v[2] = LowBits(hi, 0xFFFF);
+      v[3] = LowBits(hn::ShiftRight<16>(hi), 0xFFFF);
+    }
   } else {
-    const SampleVI w = WordShift(Words(s, at), x.shift);
-    s0 = LowBits(w, 0xFF);
-    s1 = LowBits(hn::ShiftRight<8>(w), 0xFF);
+    if constexpr (kTaps == 2) {
+      const hn::Rebind<uint16_t, SampleDI> d16;
+      const SampleVI a = hn::BitCast(
+          di, hn::PromoteTo(SampleDU(), hn::LoadU(d16, reinterpret_cast<const uint16_t*>(row))));
+      v[0] = LowBits(a, 0xFF);
+      v[1] = LowBits(hn::ShiftRight<8>(a), 0xFF);
+    } else {
+      const SampleVI a = hn::LoadU(di, reinterpret_cast<const int32_t*>(row));
+      v[0] = LowBits(a, 0xFF);
+      v[1] = LowBits(hn::ShiftRight<8>(a), 0xFF);
+      v[2] = LowBits(hn::ShiftRight<16>(a), 0xFF);
+      v[3] = LowBits(hn::ShiftRight<24>(a), 0xFF);
+    }
   }
 }
 
-// Four adjacent taps x .. x + 3 per lane, all inside the line.
-template <class T>
-HWY_INLINE void FourValues(const SampleSource<T>& s, SampleVI line, SampleVI xBytes,
-                           SampleVF v[4]) {
-  const SampleDI di;
-  const SampleVI at = hn::Add(line, xBytes);
-  if constexpr (sizeof(T) == 4) {
-    const float* base = reinterpret_cast<const float*>(s.base);
-    for (int k = 0; k < 4; ++k)
-      v[k] = hn::GatherOffset(SampleDF(), base, hn::Add(at, hn::Set(di, 4 * k)));
-  } else if constexpr (sizeof(T) == 2) {
-    const SampleVI w0 = Words(s, at);
-    const SampleVI w1 = Words(s, hn::Add(at, hn::Set(di, 4)));
-    v[0] = LowBits(w0, 0xFFFF);
-    v[1] = LowBits(hn::ShiftRight<16>(w0), 0xFFFF);
-    v[2] = LowBits(w1, 0xFFFF);
-    v[3] = LowBits(hn::ShiftRight<16>(w1), 0xFFFF);
+// The two-tap rows (y, y + 1 on planes z, z + 1) of one lane into its slots;
+// `stride` is the number of elements of one row buffer.
+template <class T, int kDims>
+HWY_INLINE void FetchLinearLane(const SampleSource<T>& s, int x, int y, int z, T* rows,
+                                size_t stride, size_t lane) {
+  T* slot = rows + 2 * lane;
+  if ((x | y | (kDims == 3 ? z : 0)) >= 0) {
+    for (int dz = 0; dz < (kDims == 3 ? 2 : 1); ++dz) {
+      const T* line = SourceLine(s, y, kDims == 3 ? z + dz : 0) + x;
+      std::memcpy(slot, line, 2 * sizeof(T));
+      std::memcpy(slot + stride, line + s.lineStep, 2 * sizeof(T));
+      slot += 2 * stride;
+    }
+    return;
+  }
+  for (int dz = 0; dz < (kDims == 3 ? 2 : 1); ++dz)
+    for (int dy = 0; dy < 2; ++dy, slot += stride)
+      PairOfLine(LineOrNull(s, y + dy, kDims == 3 ? z + dz : 0), x, slot);
+}
+
+// The 4 x 4 (x 4) taps of one lane: a run of four per line inside the region,
+// otherwise tap by tap through the region's tap rule.
+template <class T, int kDims>
+HWY_INLINE void FetchCubicLane(const SampleSource<T>& s, int x, int y, int z, T* rows,
+                               size_t stride, size_t lane) {
+  const VelrRemapRegion& r = s.region;
+  T* slot = rows + 4 * lane;
+  if (CubicInner(x, r.xMax) && CubicInner(y, r.yMax) && (kDims == 2 || CubicInner(z, r.zMax))) {
+    for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c) {
+      const T* line = SourceLine(s, y - 1, kDims == 3 ? z - 1 + c : 0) + (x - 1);
+      for (int b = 0; b < 4; ++b, line += s.lineStep, slot += stride)
+        std::memcpy(slot, line, 4 * sizeof(T));
+    }
   } else {
-    const SampleVI w = Words(s, at);
-    v[0] = LowBits(w, 0xFF);
-    v[1] = LowBits(hn::ShiftRight<8>(w), 0xFF);
-    v[2] = LowBits(hn::ShiftRight<16>(w), 0xFF);
-    v[3] = LowBits(hn::ShiftRight<24>(w), 0xFF);
+    int tx[4], ty[4], tz[4] = {0, 0, 0, 0};
+    CubicTaps(x, r.xMax, s.width, tx);
+    CubicTaps(y, r.yMax, s.height, ty);
+    if constexpr (kDims == 3) CubicTaps(z, r.zMax, s.depth, tz);
+    for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c)
+      for (int b = 0; b < 4; ++b, slot += stride) {
+        const T* line = SourceLine(s, ty[b], tz[c]);
+        for (int e = 0; e < 4; ++e) slot[e] = line[tx[e]];
+      }
   }
 }
 
 HWY_INLINE SampleVF Dot4(const SampleVF w[4], const SampleVF v[4]) {
   return hn::Add(hn::Add(hn::Add(hn::Mul(w[0], v[0]), hn::Mul(w[1], v[1])), hn::Mul(w[2], v[2])),
                  hn::Mul(w[3], v[3]));
-}
-
-// sampledWeight() per lane.
-HWY_INLINE SampleVF SampledWeights(const float* table, SampleVF d) {
-  const SampleDF df;
-  const SampleDI di;
-  const SampleVF u = hn::Mul(hn::Min(d, hn::Set(df, 2.0f)), hn::Set(df, 100.0f));
-  const SampleVI n = hn::ConvertTo(di, u);
-  const SampleVF t0 = hn::GatherIndex(df, table, n);
-  const SampleVF t1 = hn::GatherIndex(df, table + 1, n);
-  return hn::Add(t0, hn::Mul(hn::Sub(t1, t0), hn::Sub(u, hn::ConvertTo(df, n))));
 }
 
 // ---------------------------------------------------------------- vector stores
@@ -463,16 +497,6 @@ HWY_INLINE void StoreInts(SampleVI v, SampleMask m, T* HWY_RESTRICT p) {
     v = hn::IfThenElse(hn::RebindMask(di, m), v, hn::PromoteTo(di, hn::LoadU(dt, p)));
   }
   hn::StoreU(hn::DemoteTo(dt, v), dt, p);
-}
-
-template <class T>
-HWY_INLINE void StoreBits(SampleVI bits, SampleMask m, T* HWY_RESTRICT p) {
-  if constexpr (sizeof(T) == 4) {
-    const SampleDF df;
-    hn::BlendedStore(hn::BitCast(df, bits), m, df, reinterpret_cast<float*>(p));
-  } else {
-    StoreInts(bits, m, p);
-  }
 }
 
 template <class T>
@@ -513,23 +537,21 @@ void SampleNearest(const SampleSource<T>& s, const typename C::Run& run, T* HWY_
   const typename C::Bounds b(s.region);
   int k = 0;
 #if HWY_TARGET != HWY_SCALAR
-  if (s.base != nullptr) {
-    const SampleDI di;
-    const int n = static_cast<int>(hn::Lanes(di));
-    for (; k + n <= count; k += n) {
-      SampleVI i[3];
-      const SampleMask m = C::LoadRounded(run, k, b, i);
-      if (hn::AllFalse(SampleDF(), m)) continue;
-      const SampleVI plane =
-          kDims == 3 ? hn::GatherIndex(di, s.planeOffsets, i[2]) : hn::Zero(di);
-      const SampleVI line = LineOffset<T, kDims>(s, i[1], plane);
-      StoreBits(OneTapBits(s, line, PrepareOneTap<T>(s, i[0])), m, dst + k);
-    }
+  const SampleDF df;
+  const int n = static_cast<int>(hn::Lanes(df));
+  SampleLanes lanes;
+  for (; k + n <= count; k += n) {
+    SampleVI i[3];
+    const SampleMask m = C::LoadRounded(run, k, b, i);
+    if (hn::AllFalse(df, m)) continue;
+    lanes.Store<kDims>(i, m);
+    for (int v = 0; v < n; ++v)
+      if (lanes.active[v]) NearestOne<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], dst + k + v);
   }
 #endif
   for (; k < count; ++k) {
-    int at[3];
-    if (C::Rounded(run, k, b, at)) NearestOne<T, kDims>(s, at, dst + k);
+    int at[3] = {0, 0, 0};
+    if (C::Rounded(run, k, b, at)) NearestOne<T, kDims>(s, at[0], at[1], at[2], dst + k);
   }
 }
 
@@ -539,42 +561,59 @@ void SampleLinear(const SampleSource<T>& s, const typename C::Run& run, T* HWY_R
   const typename C::Bounds b(s.region);
   int k = 0;
 #if HWY_TARGET != HWY_SCALAR
-  if (s.base != nullptr) {
-    const SampleDF df;
-    const SampleDI di;
-    const int n = static_cast<int>(hn::Lanes(di));
-    const int lastIndex[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
-    const SampleVF one = hn::Set(df, 1.0f);
-    const SampleVI oneI = hn::Set(di, 1);
-    for (; k + n <= count; k += n) {
+  const SampleDF df;
+  const SampleDI di;
+  const int n = static_cast<int>(hn::Lanes(df));
+  const int lastIndex[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
+  constexpr int kRows = kDims == 3 ? 4 : 2;
+  constexpr size_t kStride = 2 * kSampleChunk;
+  HWY_ALIGN T rows[kRows][kStride];
+  HWY_ALIGN float frac[3][kSampleChunk];
+  HWY_ALIGN int32_t active[kSampleChunk];
+  SampleLanes lanes;
+  while (k + n <= count) {
+    const int blocks = SampleChunkBlocks(count - k, n);
+    for (int blk = 0; blk < blocks; ++blk) {
+      const int at = blk * n;
       SampleVI i[3];
-      SampleVF f[3], t[3], u[3];
-      const SampleMask m = C::LoadTruncated(run, k, b, i, f);
+      SampleVF f[3];
+      const SampleMask m = C::LoadTruncated(run, k + at, b, i, f);
+      hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active + at);
       if (hn::AllFalse(df, m)) continue;
       for (int a = 0; a < kDims; ++a) {
         const SampleVI last = hn::Set(di, lastIndex[a]);
-        i[a] = hn::IfThenElse(hn::Eq(i[a], last), hn::Sub(last, oneI), i[a]);
-        t[a] = hn::Sub(f[a], hn::ConvertTo(df, i[a]));
-        u[a] = hn::Sub(one, t[a]);
+        i[a] = hn::IfThenElse(hn::Eq(i[a], last), hn::Sub(last, hn::Set(di, 1)), i[a]);
+        hn::Store(hn::Sub(f[a], hn::ConvertTo(df, i[a])), df, frac[a] + at);
       }
-      const OneTap<T> x = PreparePair<T>(s, i[0]);
-      const auto row = [&](SampleVI line) {
-        SampleVF s0, s1;
-        PairValues(s, line, x, s0, s1);
-        return hn::Add(hn::Mul(s0, u[0]), hn::Mul(s1, t[0]));
-      };
-      const SampleVI step = hn::Set(di, s.lineBytes);
-      SampleVF v;
-      if constexpr (kDims == 2) {
-        const SampleVI line = LineOffset<T, 2>(s, i[1], hn::Zero(di));
-        v = hn::Add(hn::Mul(row(line), u[1]), hn::Mul(row(hn::Add(line, step)), t[1]));
-      } else {
-        const SampleVI p0 = hn::GatherIndex(di, s.planeOffsets, i[2]);
-        const SampleVI p1 = hn::GatherIndex(di, s.planeOffsets, hn::Add(i[2], oneI));
-        const SampleVI l0 = LineOffset<T, 3>(s, i[1], p0);
-        const SampleVI l1 = LineOffset<T, 3>(s, i[1], p1);
-        const SampleVF b0 = hn::Add(hn::Mul(row(l0), u[1]), hn::Mul(row(hn::Add(l0, step)), t[1]));
-        const SampleVF b1 = hn::Add(hn::Mul(row(l1), u[1]), hn::Mul(row(hn::Add(l1, step)), t[1]));
+      lanes.Store<kDims>(i, m);
+      for (int v = 0; v < n; ++v) {
+        if (lanes.active[v]) {
+          FetchLinearLane<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], &rows[0][0], kStride,
+                                    at + v);
+        } else {
+          for (int r = 0; r < kRows; ++r) rows[r][2 * (at + v)] = rows[r][2 * (at + v) + 1] = T(0);
+        }
+      }
+    }
+    for (int blk = 0; blk < blocks; ++blk, k += n) {
+      const int at = blk * n;
+      const SampleMask m = hn::RebindMask(df, hn::MaskFromVec(hn::Load(di, active + at)));
+      if (hn::AllFalse(df, m)) continue;
+      SampleVF t[3], u[3];
+      for (int a = 0; a < kDims; ++a) {
+        t[a] = hn::Load(df, frac[a] + at);
+        u[a] = hn::Sub(hn::Set(df, 1.0f), t[a]);
+      }
+      SampleVF r[kRows];
+      for (int q = 0; q < kRows; ++q) {
+        SampleVF p[2];
+        LoadLaneTaps<T, 2>(rows[q] + 2 * at, p);
+        r[q] = hn::Add(hn::Mul(p[0], u[0]), hn::Mul(p[1], t[0]));
+      }
+      const SampleVF b0 = hn::Add(hn::Mul(r[0], u[1]), hn::Mul(r[1], t[1]));
+      SampleVF v = b0;
+      if constexpr (kDims == 3) {
+        const SampleVF b1 = hn::Add(hn::Mul(r[2], u[1]), hn::Mul(r[3], t[1]));
         v = hn::Add(hn::Mul(b0, u[2]), hn::Mul(b1, t[2]));
       }
       StoreLinear(v, m, dst + k);
@@ -593,80 +632,72 @@ void SampleCubic(const SampleSource<T>& s, const typename C::Run& run, T* HWY_RE
   const typename C::Bounds b(s.region);
   int k = 0;
 #if HWY_TARGET != HWY_SCALAR
-  if (s.base != nullptr) {
-    const SampleDF df;
-    const SampleDI di;
-    const int n = static_cast<int>(hn::Lanes(di));
-    const int lastIndex[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
-    const int extent[3] = {s.width, s.height, s.depth};
-    for (; k + n <= count; k += n) {
+  const SampleDF df;
+  const SampleDI di;
+  const int n = static_cast<int>(hn::Lanes(df));
+  constexpr int kRows = kDims == 3 ? 16 : 4;
+  constexpr int kWeights = 4 * kDims;
+  constexpr size_t kStride = 4 * kSampleChunk;
+  HWY_ALIGN T rows[kRows][kStride];
+  HWY_ALIGN int32_t index[kWeights][kSampleLanes];
+  HWY_ALIGN float frac[kWeights][kSampleChunk];
+  HWY_ALIGN WeightPair pairs[kWeights][kSampleChunk];
+  HWY_ALIGN int32_t active[kSampleChunk];
+  SampleLanes lanes;
+  while (k + n <= count) {
+    const int blocks = SampleChunkBlocks(count - k, n);
+    for (int blk = 0; blk < blocks; ++blk) {
+      const int at = blk * n;
       SampleVI i[3];
       SampleVF f[3];
-      const SampleMask m = C::LoadTruncated(run, k, b, i, f);
+      const SampleMask m = C::LoadTruncated(run, k + at, b, i, f);
+      hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active + at);
       if (hn::AllFalse(df, m)) continue;
-      SampleVF w[3][4];
-      // Lanes inside the region whose taps need the rule of the region's
-      // edges on some axis; lanes outside never force the clamped path.
-      auto clamped = hn::FirstN(di, 0);
+      // Table positions of the distances |q - t|, q = -1 .. 2, as
+      // sampledWeight forms them.
       for (int a = 0; a < kDims; ++a) {
         const SampleVF t = hn::Sub(f[a], hn::ConvertTo(df, i[a]));
         for (int q = 0; q < 4; ++q) {
           const SampleVF d = hn::Abs(hn::Sub(hn::Set(df, static_cast<float>(q - 1)), t));
-          w[a][q] = SampledWeights(s.weights, d);
+          const SampleVF u = hn::Mul(hn::Min(d, hn::Set(df, 2.0f)), hn::Set(df, 100.0f));
+          const SampleVI whole = hn::ConvertTo(di, u);
+          hn::Store(whole, di, index[a * 4 + q]);
+          hn::Store(hn::Sub(u, hn::ConvertTo(df, whole)), df, frac[a * 4 + q] + at);
         }
-        const SampleVI beforeLast = hn::Set(di, lastIndex[a] - 1);
-        clamped = hn::Or(clamped,
-                         hn::Not(hn::And(hn::Gt(i[a], hn::Zero(di)), hn::Lt(i[a], beforeLast))));
       }
+      lanes.Store<kDims>(i, m);
+      for (int v = 0; v < n; ++v) {
+        for (int j = 0; j < kWeights; ++j) pairs[j][at + v] = s.pairs[index[j][v]];
+        if (lanes.active[v]) {
+          FetchCubicLane<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], &rows[0][0], kStride,
+                                   at + v);
+        } else {
+          for (int r = 0; r < kRows; ++r)
+            for (int e = 0; e < 4; ++e) rows[r][4 * (at + v) + e] = T(0);
+        }
+      }
+    }
+    for (int blk = 0; blk < blocks; ++blk, k += n) {
+      const int at = blk * n;
+      const SampleMask m = hn::RebindMask(df, hn::MaskFromVec(hn::Load(di, active + at)));
+      if (hn::AllFalse(df, m)) continue;
+      SampleVF w[3][4];
+      for (int a = 0; a < kDims; ++a)
+        for (int q = 0; q < 4; ++q) {
+          const float* pair = &pairs[a * 4 + q][at].base;
+          const SampleVF lo = hn::Load(df, pair), hi = hn::Load(df, pair + n);
+          w[a][q] = hn::Add(hn::ConcatEven(df, hi, lo),
+                            hn::Mul(hn::ConcatOdd(df, hi, lo), hn::Load(df, frac[a * 4 + q] + at)));
+        }
       SampleVF col[4];
-      const int zTaps = kDims == 3 ? 4 : 1;
-      if (hn::AllFalse(di, hn::And(hn::RebindMask(di, m), clamped))) {
-        // Every tap in range: taps i - 1 .. i + 2 on every axis. Lanes
-        // outside the region are moved onto valid cells.
-        for (int a = 0; a < kDims; ++a)
-          i[a] = hn::Min(hn::Max(i[a], hn::Set(di, 1)), hn::Set(di, lastIndex[a] - 2));
-        const SampleVI xBytes = hn::Mul(hn::Sub(i[0], hn::Set(di, 1)), hn::Set(di, static_cast<int32_t>(sizeof(T))));
-        for (int c = 0; c < zTaps; ++c) {
-          const SampleVI plane = kDims == 3 ? hn::GatherIndex(di, s.planeOffsets,
-                                                              hn::Add(i[2], hn::Set(di, c - 1)))
-                                            : hn::Zero(di);
-          SampleVF r[4];
-          for (int q = 0; q < 4; ++q) {
-            const SampleVI line = LineOffset<T, kDims>(s, hn::Add(i[1], hn::Set(di, q - 1)), plane);
-            SampleVF v[4];
-            FourValues(s, line, xBytes, v);
-            r[q] = Dot4(w[0], v);
-          }
-          col[c] = Dot4(w[1], r);
+      for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c) {
+        SampleVF r[4];
+        for (int q = 0; q < 4; ++q) {
+          SampleVF taps[4];
+          LoadLaneTaps<T, 4>(rows[c * 4 + q] + 4 * at, taps);
+          r[q] = Dot4(w[0], taps);
         }
-      } else {
-        // The tap rule per lane: i <= 0 takes 0, 0, 1, 2; otherwise i - 1 ..
-        // i + 2 limited to the region's last index; then to the extent.
-        SampleVI taps[3][4];
-        for (int a = 0; a < kDims; ++a) {
-          const SampleVI last = hn::Set(di, lastIndex[a]);
-          const SampleVI end = hn::Set(di, extent[a] - 1);
-          const auto atStart = hn::Lt(i[a], hn::Set(di, 1));
-          for (int q = 0; q < 4; ++q) {
-            const SampleVI general = hn::Min(hn::Add(i[a], hn::Set(di, q - 1)), last);
-            const SampleVI first = hn::Set(di, q < 2 ? 0 : q - 1);
-            taps[a][q] = hn::Min(hn::IfThenElse(atStart, first, general), end);
-          }
-        }
-        OneTap<T> x[4];
-        for (int q = 0; q < 4; ++q) x[q] = PrepareOneTap<T>(s, taps[0][q]);
-        for (int c = 0; c < zTaps; ++c) {
-          const SampleVI plane =
-              kDims == 3 ? hn::GatherIndex(di, s.planeOffsets, taps[2][c]) : hn::Zero(di);
-          SampleVF r[4];
-          for (int q = 0; q < 4; ++q) {
-            const SampleVI line = LineOffset<T, kDims>(s, taps[1][q], plane);
-            SampleVF v[4];
-            for (int e = 0; e < 4; ++e) v[e] = OneTapValue(s, line, x[e]);
-            r[q] = Dot4(w[0], v);
-          }
-          col[c] = Dot4(w[1], r);
-        }
+        col[c] = Dot4(w[1], r);
       }
       StoreCubic(kDims == 3 ? Dot4(w[2], col) : col[0], m, dst + k);
     }

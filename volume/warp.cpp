@@ -10,7 +10,6 @@
 #include "volume/warp-inl.h"
 
 #if HWY_ONCE
-#include "frame/alloc.h"
 #include "velcore.h"
 #include "velr.h"
 #include "volume/common.h"
@@ -94,8 +93,7 @@ VelStatus warpPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Vel
   job.src.width = plane.width;
   job.src.height = plane.height;
   job.src.depth = 1;
-  if (code >= VELR_INTER_CUBIC_LAGRANGE) job.src.weights = cubicWeightTable(code);
-  const ScratchBlock vectorAddressing = enableVectorForms(job.src, code, true);
+  job.src.setCode(code);
   job.dst = pDst;
   job.dstStep = elementStep<T>(dstStep);
   job.dstBounds = regionBounds({dstRoi.x, dstRoi.y, 0, dstRoi.width, dstRoi.height, 1});
@@ -134,8 +132,7 @@ VelStatus warp(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCubo
   job.src.depth = srcVolume.depth;
   const int code = lowerCodeForSmallVolume(interpolation, srcVolume);
   if (!invertAffine(coeffs, job.m)) return velStsCoeffErr;
-  if (code >= VELR_INTER_CUBIC_LAGRANGE) job.src.weights = cubicWeightTable(code);
-  const ScratchBlock vectorAddressing = enableVectorForms(job.src, code, false);
+  job.src.setCode(code);
   job.dst = pDst;
   job.dstStep = elementStep<T>(dstStep);
   job.dstBounds = regionBounds(dstRoi);
