@@ -23,13 +23,27 @@ namespace velr::vol::HWY_NAMESPACE {
 // enough to stay in the first-level cache.
 inline constexpr int kWarpChunk = 256;
 
+// Positions of `count` voxels of `lines` lines (1 or 2) from their starting
+// positions p, advancing by step. The sums of the lines are independent, so
+// interleaving two lines halves the time spent waiting on the additions.
+template <int kDims, int kLines>
+HWY_INLINE void WarpPositions(double p[][3], const double step[3], int count,
+                              double pos[][3][kWarpChunk]) {
+  for (int k = 0; k < count; ++k)
+    for (int l = 0; l < kLines; ++l)
+      for (int r = 0; r < kDims; ++r) {
+        pos[l][r][k] = p[l][r];
+        p[l][r] += step[r];
+      }
+}
+
 template <int kKind, class T, int kDims>
 void WarpPlanes(const WarpJob<T>& job, int zFirst, int zLast) {
   using C = AffineCoords<kDims>;
   const VelrRemapRegion& d = job.dstBounds;
   const double(&m)[3][4] = job.m;
-  HWY_ALIGN double pos[3][kWarpChunk];
-  const DoubleRun run = {pos[0], pos[1], kDims == 3 ? pos[2] : nullptr};
+  const double step[3] = {m[0][0], m[1][0], m[2][0]};
+  HWY_ALIGN double pos[2][3][kWarpChunk];
 
   // Each slab starts its plane sequence from its own first plane, so the
   // bases are formed directly there and then carried by addition.
@@ -42,22 +56,30 @@ void WarpPlanes(const WarpJob<T>& job, int zFirst, int zLast) {
     T* plane = job.dst[kDims == 3 ? z : 0];
     double lineBase[3];
     for (int r = 0; r < kDims; ++r) lineBase[r] = planeBase[r];
-    for (int y = d.yMin; y <= d.yMax; ++y) {
-      double p[3];
-      for (int r = 0; r < kDims; ++r) p[r] = m[r][0] * d.xMin + lineBase[r];
-      T* line = plane + static_cast<ptrdiff_t>(y) * job.dstStep;
+    for (int y = d.yMin; y <= d.yMax;) {
+      const int lines = y < d.yMax ? 2 : 1;
+      double p[2][3];
+      for (int l = 0; l < lines; ++l)
+        for (int r = 0; r < kDims; ++r) {
+          p[l][r] = m[r][0] * d.xMin + lineBase[r];
+          lineBase[r] += m[r][1];
+        }
       for (int x = d.xMin;;) {
-        const int n = d.xMax - x + 1 < kWarpChunk ? d.xMax - x + 1 : kWarpChunk;
-        for (int k = 0; k < n; ++k)
-          for (int r = 0; r < kDims; ++r) {
-            pos[r][k] = p[r];
-            p[r] += m[r][0];
-          }
-        SampleRun<kKind, T, kDims, C>(job.src, run, line + x, n);
+        const int n = d.xMax - x < kWarpChunk ? d.xMax - x + 1 : kWarpChunk;
+        if (lines == 2) {
+          WarpPositions<kDims, 2>(p, step, n, pos);
+        } else {
+          WarpPositions<kDims, 1>(p, step, n, pos);
+        }
+        for (int l = 0; l < lines; ++l) {
+          const DoubleRun run = {pos[l][0], pos[l][1], kDims == 3 ? pos[l][2] : nullptr};
+          T* line = plane + static_cast<ptrdiff_t>(y + l) * job.dstStep;
+          SampleRun<kKind, T, kDims, C>(job.src, run, line + x, n);
+        }
         if (d.xMax - x < kWarpChunk) break;
         x += n;
       }
-      for (int r = 0; r < kDims; ++r) lineBase[r] += m[r][1];
+      y += lines;
     }
     for (int r = 0; r < kDims; ++r) planeBase[r] += m[r][2];
   }

@@ -364,15 +364,3 @@ TEST(Remap, ThreadCountsGiveIdenticalResults) {
     });
   }
 }
-
-TEST(Remap, WithoutScratchMemoryTheOneElementFormsGiveTheSameResult) {
-  RemapCase<Vel8u> c({12, 10, 9}, {1, 1, 1, 10, 8, 7}, {33, 4, 3}, 23);
-  c.randomPositions(24);
-  for (int code : {1, 2, 7}) {
-    c.restore();
-    velTestFailMallocAfter(1);
-    ASSERT_EQ(c.run(code), velStsNoErr);
-    velTestFailMallocAfter(0);
-    c.expectMatchesReference(code, "no scratch");
-  }
-}
