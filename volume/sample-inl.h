@@ -5,9 +5,9 @@
 // (floats read from remap's coordinate volumes, or doubles computed by warp),
 // leaves every voxel whose position falls outside the clipped region as it
 // was, and interpolates the others. Each kernel has a one-element form, which
-// defines the result and handles tails, and a vector form that gathers the
-// taps through 32-bit byte offsets and computes exactly the same values: the
-// same operations in the same order, no fused multiply-add.
+// defines the result and handles tails, and a vector form (see "lane blocks"
+// below) that computes exactly the same values: the same operations in the
+// same order, no fused multiply-add.
 
 #if defined(VELR_VOLUME_SAMPLE_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef VELR_VOLUME_SAMPLE_INL_H_
@@ -30,7 +30,7 @@ namespace velr::vol::HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
 static_assert(std::endian::native == std::endian::little,
-              "8- and 16-bit taps are split out of 32-bit words as little-endian lanes");
+              "adjacent 8- and 16-bit taps are split out of wider words as little-endian lanes");
 
 // The kernels of the codes: nearest, the two-tap (bi/trilinear) and the
 // four-tap kernels, which share one form and differ only by weight table.

@@ -52,11 +52,11 @@ void WarpPlanes(const WarpJob<T>& job, int zFirst, int zLast) {
     planeBase[r] = m[r][1] * d.yMin + m[r][3];
     if constexpr (kDims == 3) planeBase[r] = planeBase[r] + m[r][2] * zFirst;
   }
-  for (int z = zFirst; z <= zLast; ++z) {
+  for (int z = zFirst;; ++z) {
     T* plane = job.dst[kDims == 3 ? z : 0];
     double lineBase[3];
     for (int r = 0; r < kDims; ++r) lineBase[r] = planeBase[r];
-    for (int y = d.yMin; y <= d.yMax;) {
+    for (int y = d.yMin;; y += 2) {
       const int lines = y < d.yMax ? 2 : 1;
       double p[2][3];
       for (int l = 0; l < lines; ++l)
@@ -79,8 +79,9 @@ void WarpPlanes(const WarpJob<T>& job, int zFirst, int zLast) {
         if (d.xMax - x < kWarpChunk) break;
         x += n;
       }
-      y += lines;
+      if (d.yMax - y <= 1) break;  // y never steps past yMax, which may be INT_MAX
     }
+    if (z == zLast) break;
     for (int r = 0; r < kDims; ++r) planeBase[r] += m[r][2];
   }
 }
@@ -99,12 +100,12 @@ WarpPlanesFn<T> WarpKernel(int code) {
   return kTable[code];
 }
 
-// The destination region's planes in slabs over nThreads threads.
+// The destination region's `depth` planes in slabs over nThreads threads.
 template <class T>
-void RunWarpVolume(const WarpJob<T>& job, int code, int nThreads) {
+void RunWarpVolume(const WarpJob<T>& job, int code, int depth, int nThreads) {
   const WarpPlanesFn<T> fn = WarpKernel<T, 3>(code);
   const int zMin = job.dstBounds.zMin;
-  velr::parallelSlabs(nThreads, job.dstBounds.zMax - zMin + 1, [&](int first, int count, int, int) {
+  velr::parallelSlabs(nThreads, depth, [&](int first, int count, int, int) {
     fn(job, zMin + first, zMin + first + count - 1);
   });
 }
@@ -114,14 +115,14 @@ void RunWarpPlane(const WarpJob<T>& job, int code) {
   WarpKernel<T, 2>(code)(job, 0, 0);
 }
 
-void WarpVolume8u(const WarpJob<Vel8u>& job, int code, int nThreads) {
-  RunWarpVolume(job, code, nThreads);
+void WarpVolume8u(const WarpJob<Vel8u>& job, int code, int depth, int nThreads) {
+  RunWarpVolume(job, code, depth, nThreads);
 }
-void WarpVolume16u(const WarpJob<Vel16u>& job, int code, int nThreads) {
-  RunWarpVolume(job, code, nThreads);
+void WarpVolume16u(const WarpJob<Vel16u>& job, int code, int depth, int nThreads) {
+  RunWarpVolume(job, code, depth, nThreads);
 }
-void WarpVolume32f(const WarpJob<Vel32f>& job, int code, int nThreads) {
-  RunWarpVolume(job, code, nThreads);
+void WarpVolume32f(const WarpJob<Vel32f>& job, int code, int depth, int nThreads) {
+  RunWarpVolume(job, code, depth, nThreads);
 }
 void WarpPlane8u(const WarpJob<Vel8u>& job, int code) { RunWarpPlane(job, code); }
 void WarpPlane16u(const WarpJob<Vel16u>& job, int code) { RunWarpPlane(job, code); }

@@ -10,6 +10,8 @@
 #include "volume/warp-inl.h"
 
 #if HWY_ONCE
+#include <climits>
+
 #include "velcore.h"
 #include "velr.h"
 #include "volume/common.h"
@@ -29,14 +31,14 @@ HWY_EXPORT(WarpPlane32f);
 
 namespace {
 
-void runVolume(const WarpJob<Vel8u>& job, int code, int threads) {
-  HWY_DYNAMIC_DISPATCH(WarpVolume8u)(job, code, threads);
+void runVolume(const WarpJob<Vel8u>& job, int code, int depth, int threads) {
+  HWY_DYNAMIC_DISPATCH(WarpVolume8u)(job, code, depth, threads);
 }
-void runVolume(const WarpJob<Vel16u>& job, int code, int threads) {
-  HWY_DYNAMIC_DISPATCH(WarpVolume16u)(job, code, threads);
+void runVolume(const WarpJob<Vel16u>& job, int code, int depth, int threads) {
+  HWY_DYNAMIC_DISPATCH(WarpVolume16u)(job, code, depth, threads);
 }
-void runVolume(const WarpJob<Vel32f>& job, int code, int threads) {
-  HWY_DYNAMIC_DISPATCH(WarpVolume32f)(job, code, threads);
+void runVolume(const WarpJob<Vel32f>& job, int code, int depth, int threads) {
+  HWY_DYNAMIC_DISPATCH(WarpVolume32f)(job, code, depth, threads);
 }
 void runPlane(const WarpJob<Vel8u>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpPlane8u)(job, code); }
 void runPlane(const WarpJob<Vel16u>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpPlane16u)(job, code); }
@@ -45,9 +47,12 @@ void runPlane(const WarpJob<Vel32f>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpP
 constexpr int kMinParallelExtent = 16;
 
 // Inclusive bounds of a destination region, which has no volume to be
-// clipped against.
+// clipped against. A region reaching past the largest int ends there.
 VelrRemapRegion regionBounds(const VelrCuboid& r) {
-  return {r.x, r.y, r.z, r.x + r.width - 1, r.y + r.height - 1, r.z + r.depth - 1};
+  const auto last = [](int start, int length) {
+    return start > INT_MAX - (length - 1) ? INT_MAX : start + (length - 1);
+  };
+  return {r.x, r.y, r.z, last(r.x, r.width), last(r.y, r.height), last(r.z, r.depth)};
 }
 
 // A one-plane source warps one plane by the 2 x 3 block whose third column
@@ -139,7 +144,8 @@ VelStatus warp(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCubo
 
   const bool parallel = dstRoi.width >= kMinParallelExtent && dstRoi.height >= kMinParallelExtent &&
                         dstRoi.depth >= kMinParallelExtent;
-  runVolume(job, code, parallel ? ownGetNumThreads() : 1);
+  runVolume(job, code, job.dstBounds.zMax - job.dstBounds.zMin + 1,
+            parallel ? ownGetNumThreads() : 1);
   return velStsNoErr;
 }
 
