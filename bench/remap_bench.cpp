@@ -105,8 +105,8 @@ VelStatus remapCall(Vel32f** s, Vel32f** d, const DisplacementMaps& m, int code)
 
 VelStatus warpCall(Vel8u** s, Vel8u** d, const double c[3][4], int code) {
   const VelrCuboid all = {0, 0, 0, kWarpEdge, kWarpEdge, kWarpEdge};
-  return velrWarpAffine_8u_C1PV(s, {kWarpEdge, kWarpEdge, kWarpEdge}, kWarpEdge, all, d,
-                                kWarpEdge, all, c, code, nullptr);
+  return velrWarpAffine_8u_C1PV(s, {kWarpEdge, kWarpEdge, kWarpEdge}, kWarpEdge, all, d, kWarpEdge,
+                                all, c, code, nullptr);
 }
 VelStatus warpCall(Vel16u** s, Vel16u** d, const double c[3][4], int code) {
   const VelrCuboid all = {0, 0, 0, kWarpEdge, kWarpEdge, kWarpEdge};

@@ -38,15 +38,14 @@ void RemapPlanes(const RemapJob<T>& job, int first, int count) {
 
 template <class T, int kDims>
 RemapPlanesFn<T> RemapKernel(int code) {
-  static constexpr RemapPlanesFn<T> kTable[8] = {
-      nullptr,
-      &RemapPlanes<kSampleNearest, T, kDims>,
-      &RemapPlanes<kSampleLinear, T, kDims>,
-      nullptr,
-      &RemapPlanes<kSampleCubic, T, kDims>,
-      &RemapPlanes<kSampleCubic, T, kDims>,
-      &RemapPlanes<kSampleCubic, T, kDims>,
-      &RemapPlanes<kSampleCubic, T, kDims>};
+  static constexpr RemapPlanesFn<T> kTable[8] = {nullptr,
+                                                 &RemapPlanes<kSampleNearest, T, kDims>,
+                                                 &RemapPlanes<kSampleLinear, T, kDims>,
+                                                 nullptr,
+                                                 &RemapPlanes<kSampleCubic, T, kDims>,
+                                                 &RemapPlanes<kSampleCubic, T, kDims>,
+                                                 &RemapPlanes<kSampleCubic, T, kDims>,
+                                                 &RemapPlanes<kSampleCubic, T, kDims>};
   return kTable[code];
 }
 

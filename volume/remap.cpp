@@ -37,7 +37,9 @@ void runVolume(const RemapJob<Vel16u>& job, int code, int depth, int threads) {
 void runVolume(const RemapJob<Vel32f>& job, int code, int depth, int threads) {
   HWY_DYNAMIC_DISPATCH(RemapVolume32f)(job, code, depth, threads);
 }
-void runPlane(const RemapJob<Vel8u>& job, int code) { HWY_DYNAMIC_DISPATCH(RemapPlane8u)(job, code); }
+void runPlane(const RemapJob<Vel8u>& job, int code) {
+  HWY_DYNAMIC_DISPATCH(RemapPlane8u)(job, code);
+}
 void runPlane(const RemapJob<Vel16u>& job, int code) {
   HWY_DYNAMIC_DISPATCH(RemapPlane16u)(job, code);
 }
@@ -100,9 +102,8 @@ VelStatus remapPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Ve
 
 template <class T>
 VelStatus remap(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCuboid srcRoi,
-                const Vel32f* const* pxMap, const Vel32f* const* pyMap,
-                const Vel32f* const* pzMap, int mapStep, T* const* pDst, int dstStep,
-                VelrVolume dstVolume, int interpolation) {
+                const Vel32f* const* pxMap, const Vel32f* const* pyMap, const Vel32f* const* pzMap,
+                int mapStep, T* const* pDst, int dstStep, VelrVolume dstVolume, int interpolation) {
   if (pSrc == nullptr || pDst == nullptr) return velStsNullPtrErr;
   if (pxMap == nullptr || pyMap == nullptr || pzMap == nullptr) return velStsNullPtrErr;
   if (isEmptyVolume(srcVolume)) return velStsSizeErr;
@@ -143,28 +144,28 @@ VelStatus remap(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCub
 }  // namespace velr::vol
 
 VelStatus velrRemap_8u_C1PV(const Vel8u* const* pSrc, VelrVolume srcVolume, int srcStep,
-                                     VelrCuboid srcRoi, const Vel32f* const* pxMap,
-                                     const Vel32f* const* pyMap, const Vel32f* const* pzMap,
-                                     int mapStep, Vel8u* const* pDst, int dstStep,
-                                     VelrVolume dstVolume, int interpolation) {
+                            VelrCuboid srcRoi, const Vel32f* const* pxMap,
+                            const Vel32f* const* pyMap, const Vel32f* const* pzMap, int mapStep,
+                            Vel8u* const* pDst, int dstStep, VelrVolume dstVolume,
+                            int interpolation) {
   return velr::vol::remap(pSrc, srcVolume, srcStep, srcRoi, pxMap, pyMap, pzMap, mapStep, pDst,
                           dstStep, dstVolume, interpolation);
 }
 
-VelStatus velrRemap_16u_C1PV(const Vel16u* const* pSrc, VelrVolume srcVolume,
-                                      int srcStep, VelrCuboid srcRoi, const Vel32f* const* pxMap,
-                                      const Vel32f* const* pyMap, const Vel32f* const* pzMap,
-                                      int mapStep, Vel16u* const* pDst, int dstStep,
-                                      VelrVolume dstVolume, int interpolation) {
+VelStatus velrRemap_16u_C1PV(const Vel16u* const* pSrc, VelrVolume srcVolume, int srcStep,
+                             VelrCuboid srcRoi, const Vel32f* const* pxMap,
+                             const Vel32f* const* pyMap, const Vel32f* const* pzMap, int mapStep,
+                             Vel16u* const* pDst, int dstStep, VelrVolume dstVolume,
+                             int interpolation) {
   return velr::vol::remap(pSrc, srcVolume, srcStep, srcRoi, pxMap, pyMap, pzMap, mapStep, pDst,
                           dstStep, dstVolume, interpolation);
 }
 
-VelStatus velrRemap_32f_C1PV(const Vel32f* const* pSrc, VelrVolume srcVolume,
-                                      int srcStep, VelrCuboid srcRoi, const Vel32f* const* pxMap,
-                                      const Vel32f* const* pyMap, const Vel32f* const* pzMap,
-                                      int mapStep, Vel32f* const* pDst, int dstStep,
-                                      VelrVolume dstVolume, int interpolation) {
+VelStatus velrRemap_32f_C1PV(const Vel32f* const* pSrc, VelrVolume srcVolume, int srcStep,
+                             VelrCuboid srcRoi, const Vel32f* const* pxMap,
+                             const Vel32f* const* pyMap, const Vel32f* const* pzMap, int mapStep,
+                             Vel32f* const* pDst, int dstStep, VelrVolume dstVolume,
+                             int interpolation) {
   return velr::vol::remap(pSrc, srcVolume, srcStep, srcRoi, pxMap, pyMap, pzMap, mapStep, pDst,
                           dstStep, dstVolume, interpolation);
 }

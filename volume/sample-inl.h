@@ -16,11 +16,12 @@
 #define VELR_VOLUME_SAMPLE_INL_H_
 #endif
 
+#include <hwy/highway.h>
+
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <hwy/highway.h>
 
 #include "volume/kernels.h"
 #include "volume/sample.h"
@@ -99,7 +100,8 @@ struct MapCoords {
     if constexpr (kDims == 3) p[2] = hn::LoadU(df, run.z + k);
     SampleMask m = hn::And(hn::Ge(p[0], hn::Set(df, b.lo[0])), hn::Le(p[0], hn::Set(df, b.hi[0])));
     for (int a = 1; a < kDims; ++a)
-      m = hn::And(m, hn::And(hn::Ge(p[a], hn::Set(df, b.lo[a])), hn::Le(p[a], hn::Set(df, b.hi[a]))));
+      m = hn::And(m,
+                  hn::And(hn::Ge(p[a], hn::Set(df, b.lo[a])), hn::Le(p[a], hn::Set(df, b.hi[a]))));
     for (int a = 0; a < kDims; ++a) p[a] = hn::IfThenElse(m, p[a], hn::Set(df, b.lo[a]));
     return m;
   }
@@ -133,7 +135,8 @@ struct AffineCoords {
     double hi[3];
     explicit Bounds(const VelrRemapRegion& r)
         : lo{static_cast<double>(r.xMin), static_cast<double>(r.yMin), static_cast<double>(r.zMin)},
-          hi{static_cast<double>(r.xMax), static_cast<double>(r.yMax), static_cast<double>(r.zMax)} {}
+          hi{static_cast<double>(r.xMax), static_cast<double>(r.yMax),
+             static_cast<double>(r.zMax)} {}
   };
 
   static HWY_INLINE bool Inside(const Run& run, int k, const Bounds& b, double p[3]) {
@@ -178,8 +181,8 @@ struct AffineCoords {
       for (int a = 0; a < kDims; ++a) p[a] = hn::LoadU(dd, src[a] + k + h * nh);
       auto m = hn::And(hn::Ge(p[0], hn::Set(dd, b.lo[0])), hn::Le(p[0], hn::Set(dd, b.hi[0])));
       for (int a = 1; a < kDims; ++a)
-        m = hn::And(m,
-                    hn::And(hn::Ge(p[a], hn::Set(dd, b.lo[a])), hn::Le(p[a], hn::Set(dd, b.hi[a]))));
+        m = hn::And(
+            m, hn::And(hn::Ge(p[a], hn::Set(dd, b.lo[a])), hn::Le(p[a], hn::Set(dd, b.hi[a]))));
       for (int a = 0; a < kDims; ++a) {
         p[a] = hn::IfThenElse(m, p[a], hn::Set(dd, b.lo[a]));
         ih[h][a] = hn::DemoteTo(dih, kRound ? hn::Round(p[a]) : p[a]);

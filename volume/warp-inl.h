@@ -88,15 +88,14 @@ void WarpPlanes(const WarpJob<T>& job, int zFirst, int zLast) {
 
 template <class T, int kDims>
 WarpPlanesFn<T> WarpKernel(int code) {
-  static constexpr WarpPlanesFn<T> kTable[8] = {
-      nullptr,
-      &WarpPlanes<kSampleNearest, T, kDims>,
-      &WarpPlanes<kSampleLinear, T, kDims>,
-      nullptr,
-      &WarpPlanes<kSampleCubic, T, kDims>,
-      &WarpPlanes<kSampleCubic, T, kDims>,
-      &WarpPlanes<kSampleCubic, T, kDims>,
-      &WarpPlanes<kSampleCubic, T, kDims>};
+  static constexpr WarpPlanesFn<T> kTable[8] = {nullptr,
+                                                &WarpPlanes<kSampleNearest, T, kDims>,
+                                                &WarpPlanes<kSampleLinear, T, kDims>,
+                                                nullptr,
+                                                &WarpPlanes<kSampleCubic, T, kDims>,
+                                                &WarpPlanes<kSampleCubic, T, kDims>,
+                                                &WarpPlanes<kSampleCubic, T, kDims>,
+                                                &WarpPlanes<kSampleCubic, T, kDims>};
   return kTable[code];
 }
 

@@ -41,8 +41,12 @@ void runVolume(const WarpJob<Vel32f>& job, int code, int depth, int threads) {
   HWY_DYNAMIC_DISPATCH(WarpVolume32f)(job, code, depth, threads);
 }
 void runPlane(const WarpJob<Vel8u>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpPlane8u)(job, code); }
-void runPlane(const WarpJob<Vel16u>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpPlane16u)(job, code); }
-void runPlane(const WarpJob<Vel32f>& job, int code) { HWY_DYNAMIC_DISPATCH(WarpPlane32f)(job, code); }
+void runPlane(const WarpJob<Vel16u>& job, int code) {
+  HWY_DYNAMIC_DISPATCH(WarpPlane16u)(job, code);
+}
+void runPlane(const WarpJob<Vel32f>& job, int code) {
+  HWY_DYNAMIC_DISPATCH(WarpPlane32f)(job, code);
+}
 
 constexpr int kMinParallelExtent = 16;
 
@@ -64,8 +68,8 @@ VelStatus warpPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Vel
                     int interpolation) {
   if (pSrc[0] == nullptr || pDst[0] == nullptr) return velStsNullPtrErr;
   if (srcVolume.width < 1 || srcVolume.height < 1 || srcRoi.x < 0 || srcRoi.y < 0 ||
-      srcRoi.width < 1 || srcRoi.height < 1 || dstRoi.x < 0 || dstRoi.y < 0 ||
-      dstRoi.width < 1 || dstRoi.height < 1)
+      srcRoi.width < 1 || srcRoi.height < 1 || dstRoi.x < 0 || dstRoi.y < 0 || dstRoi.width < 1 ||
+      dstRoi.height < 1)
     return velStsSizeErr;
   int code = interpolation & 0x7FFFFFFF;
   if (code != VELR_INTER_NEAREST && code != VELR_INTER_LINEAR &&

@@ -3,35 +3,25 @@
 // planes, the region test, and the nearest, two-tap and four-tap values.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "velr.h"
 #include "volume/kernels.h"
+#include "workloads/workloads.h"
 
 namespace velr::test {
 
-// Seeded values for test data (splitmix64).
-class TestRng {
- public:
-  explicit TestRng(uint64_t seed) : s_(seed) {}
-  uint64_t next() {
-    s_ += 0x9E3779B97F4A7C15ull;
-    uint64_t z = s_;
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-  }
-  double uniform(double a, double b) { return a + (b - a) * ((next() >> 11) * 0x1.0p-53); }
-  int below(int n) { return static_cast<int>(next() % static_cast<uint64_t>(n)); }
-
- private:
-  uint64_t s_;
-};
+// Seeded test data.
+using TestRng = velr::workloads::SplitMix64;
+inline int below(TestRng& rng, int n) { return static_cast<int>(rng.next() % n); }
 
 // A volume whose planes are separate allocations (so that nothing assumes
 // evenly spaced planes), with padded lines. A negative line step stores the
@@ -70,10 +60,9 @@ struct TestVolume {
           }
         }
   }
-  void fill(T v) {
+  void copyFrom(const TestVolume& o) {
     for (int z = 0; z < d; ++z)
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) at(x, y, z) = v;
+      for (int y = 0; y < h; ++y) std::memcpy(&at(0, y, z), o.line(y, z), sizeof(T) * w);
   }
   bool sameAs(const TestVolume& o) const {
     for (int z = 0; z < d; ++z)
@@ -82,6 +71,22 @@ struct TestVolume {
     return true;
   }
 };
+
+// Bitwise comparison; reports the first few differing voxels.
+template <class T>
+void expectSameVoxels(const TestVolume<T>& got, const TestVolume<T>& want,
+                      const std::string& what) {
+  int mismatches = 0;
+  for (int z = 0; z < want.d; ++z)
+    for (int y = 0; y < want.h; ++y)
+      for (int x = 0; x < want.w; ++x) {
+        const T g = got.at(x, y, z), w = want.at(x, y, z);
+        if (std::memcmp(&g, &w, sizeof(T)) != 0 && ++mismatches <= 5)
+          ADD_FAILURE() << what << " at (" << x << "," << y << "," << z << "): got " << +g
+                        << " want " << +w;
+      }
+  EXPECT_EQ(mismatches, 0) << what;
+}
 
 // Inclusive source bounds; dims 2 ignores z.
 struct RefBounds {
@@ -149,7 +154,8 @@ float refCubic(const TestVolume<T>& v, const RefBounds& b, int dims, int code, c
   for (int a = 0; a < dims; ++a) {
     refTaps(i[a], b.hi[a], extent[a], tap[a]);
     const float t = f[a] - static_cast<float>(i[a]);
-    for (int k = 0; k < 4; ++k) w[a][k] = refWeight(table, std::fabs(static_cast<float>(k - 1) - t));
+    for (int k = 0; k < 4; ++k)
+      w[a][k] = refWeight(table, std::fabs(static_cast<float>(k - 1) - t));
   }
   float col[4] = {0, 0, 0, 0};
   for (int c = 0; c < (dims == 3 ? 4 : 1); ++c) {
@@ -186,6 +192,14 @@ T refCubicVoxel(float v) {
     const double d = std::trunc(static_cast<double>(v) + 0.5000001);
     return static_cast<T>(d < 0.0 ? 0.0 : (d > limit ? limit : d));
   }
+}
+
+// The code after lowering for a small source volume (volume path).
+inline int loweredCode(int code, int w, int h, int d) {
+  const int m = std::min({w, h, d});
+  if (m >= 4) return code;
+  if (code >= 4) code = 2;
+  return m < 2 ? 1 : code;
 }
 
 // One voxel from integer parts (truncated, or rounded for code 1) and float
