@@ -87,7 +87,7 @@ VelStatus remapPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Ve
   job.src.width = plane.width;
   job.src.height = plane.height;
   job.src.depth = 1;
-  job.src.setCode(lowered);
+  job.src.prepare(lowered);
   job.maps[0] = pxMap;
   job.maps[1] = pyMap;
   job.maps[2] = nullptr;
@@ -123,7 +123,7 @@ VelStatus remap(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCub
   job.src.width = srcVolume.width;
   job.src.height = srcVolume.height;
   job.src.depth = srcVolume.depth;
-  job.src.setCode(code);
+  job.src.prepare(code);
   job.maps[0] = pxMap;
   job.maps[1] = pyMap;
   job.maps[2] = pzMap;

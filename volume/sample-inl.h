@@ -348,26 +348,17 @@ HWY_INLINE T CubicToVoxel(float v) {
 
 inline constexpr size_t kSampleLanes = hn::MaxLanes(SampleDF());
 
-// The taps of a whole chunk of blocks are copied before any block is
-// interpolated: the vector loads of a block's taps then come long after the
-// small stores that wrote them, instead of waiting on them.
-inline constexpr size_t kSampleChunk = kSampleLanes < 32 ? 32 : kSampleLanes;
-
-// Blocks of n lanes in the next chunk of a run with `left` voxels to go.
-HWY_INLINE int SampleChunkBlocks(int left, int n) {
-  const int blocks = static_cast<int>(kSampleChunk) / n;
-  return left / n < blocks ? left / n : blocks;
-}
-
-// Per-lane integer parts and region flags of a block.
+// Per-lane integer parts, line offsets (y * lineStep + x) and region flags
+// of a block.
 struct SampleLanes {
   HWY_ALIGN int32_t x[kSampleLanes];
   HWY_ALIGN int32_t y[kSampleLanes];
   HWY_ALIGN int32_t z[kSampleLanes];
+  HWY_ALIGN int32_t offset[kSampleLanes];
   HWY_ALIGN int32_t active[kSampleLanes];
 
-  template <int kDims>
-  HWY_INLINE void Store(const SampleVI i[3], SampleMask m) {
+  template <int kDims, class T>
+  HWY_INLINE void Store(const SampleSource<T>& s, const SampleVI i[3], SampleMask m) {
     const SampleDI di;
     hn::Store(i[0], di, x);
     hn::Store(i[1], di, y);
@@ -376,6 +367,8 @@ struct SampleLanes {
     } else {
       hn::Store(hn::Zero(di), di, z);
     }
+    const SampleVI step = hn::Set(di, static_cast<int32_t>(s.lineStep));
+    hn::Store(hn::Add(hn::Mul(i[1], step), i[0]), di, offset);
     hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active);
   }
 };
@@ -439,38 +432,33 @@ HWY_INLINE void LoadLaneTaps(const T* HWY_RESTRICT row, SampleVF v[kTaps]) {
 }
 
 // The two-tap rows (y, y + 1 on planes z, z + 1) of one lane into its slots;
-// `stride` is the number of elements of one row buffer.
+// `stride` is the number of elements of one row buffer. The cell lies inside
+// the volume (the vector forms do not run for regions ending at index 0).
 template <class T, int kDims>
-HWY_INLINE void FetchLinearLane(const SampleSource<T>& s, int x, int y, int z, T* rows,
+HWY_INLINE void FetchLinearLane(const SampleSource<T>& s, int z, int32_t offset, T* rows,
                                 size_t stride, size_t lane) {
   T* slot = rows + 2 * lane;
-  if ((x | y | (kDims == 3 ? z : 0)) >= 0) {
-    const ptrdiff_t at = static_cast<ptrdiff_t>(y) * s.lineStep + x;
-    const T* p0 = s.planes[kDims == 3 ? z : 0] + at;
-    std::memcpy(slot, p0, 2 * sizeof(T));
-    std::memcpy(slot + stride, p0 + s.lineStep, 2 * sizeof(T));
-    if constexpr (kDims == 3) {
-      const T* p1 = s.planes[z + 1] + at;
-      std::memcpy(slot + 2 * stride, p1, 2 * sizeof(T));
-      std::memcpy(slot + 3 * stride, p1 + s.lineStep, 2 * sizeof(T));
-    }
-    return;
+  const T* p0 = s.planes[kDims == 3 ? z : 0] + offset;
+  std::memcpy(slot, p0, 2 * sizeof(T));
+  std::memcpy(slot + stride, p0 + s.lineStep, 2 * sizeof(T));
+  if constexpr (kDims == 3) {
+    const T* p1 = s.planes[z + 1] + offset;
+    std::memcpy(slot + 2 * stride, p1, 2 * sizeof(T));
+    std::memcpy(slot + 3 * stride, p1 + s.lineStep, 2 * sizeof(T));
   }
-  for (int dz = 0; dz < (kDims == 3 ? 2 : 1); ++dz)
-    for (int dy = 0; dy < 2; ++dy, slot += stride)
-      PairOfLine(LineOrNull(s, y + dy, kDims == 3 ? z + dz : 0), x, slot);
 }
 
 // The 4 x 4 (x 4) taps of one lane: a run of four per line inside the region,
 // otherwise tap by tap through the region's tap rule.
 template <class T, int kDims>
-HWY_INLINE void FetchCubicLane(const SampleSource<T>& s, int x, int y, int z, T* rows,
-                               size_t stride, size_t lane) {
+HWY_INLINE void FetchCubicLane(const SampleSource<T>& s, int x, int y, int z, int32_t offset,
+                               T* rows, size_t stride, size_t lane) {
   const VelrRemapRegion& r = s.region;
   T* slot = rows + 4 * lane;
   if (CubicInner(x, r.xMax) && CubicInner(y, r.yMax) && (kDims == 2 || CubicInner(z, r.zMax))) {
+    const ptrdiff_t first = offset - s.lineStep - 1;  // tap (x - 1, y - 1)
     for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c) {
-      const T* line = SourceLine(s, y - 1, kDims == 3 ? z - 1 + c : 0) + (x - 1);
+      const T* line = s.planes[kDims == 3 ? z - 1 + c : 0] + first;
       for (int b = 0; b < 4; ++b, line += s.lineStep, slot += stride)
         std::memcpy(slot, line, 4 * sizeof(T));
     }
@@ -546,13 +534,14 @@ void SampleNearest(const SampleSource<T>& s, const typename C::Run& run, T* HWY_
   const SampleDF df;
   const int n = static_cast<int>(hn::Lanes(df));
   SampleLanes lanes;
-  for (; k + n <= count; k += n) {
+  for (; s.lineOffsets32 && k + n <= count; k += n) {
     SampleVI i[3];
     const SampleMask m = C::LoadRounded(run, k, b, i);
     if (hn::AllFalse(df, m)) continue;
-    lanes.Store<kDims>(i, m);
+    lanes.Store<kDims>(s, i, m);
     for (int v = 0; v < n; ++v)
-      if (lanes.active[v]) NearestOne<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], dst + k + v);
+      if (lanes.active[v])
+        std::memcpy(dst + k + v, s.planes[lanes.z[v]] + lanes.offset[v], sizeof(T));
   }
 #endif
   for (; k < count; ++k) {
@@ -572,55 +561,42 @@ void SampleLinear(const SampleSource<T>& s, const typename C::Run& run, T* HWY_R
   const int n = static_cast<int>(hn::Lanes(df));
   const int lastIndex[3] = {s.region.xMax, s.region.yMax, s.region.zMax};
   constexpr int kRows = kDims == 3 ? 4 : 2;
-  constexpr size_t kStride = 2 * kSampleChunk;
+  constexpr size_t kStride = 2 * kSampleLanes;
   HWY_ALIGN T rows[kRows][kStride];
-  HWY_ALIGN float frac[3][kSampleChunk];
-  HWY_ALIGN int32_t active[kSampleChunk];
   SampleLanes lanes;
-  while (k + n <= count) {
-    const int blocks = SampleChunkBlocks(count - k, n);
-    for (int blk = 0; blk < blocks; ++blk) {
-      const int at = blk * n;
-      SampleVI i[3];
-      SampleVF f[3];
-      const SampleMask m = C::LoadTruncated(run, k + at, b, i, f);
-      hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active + at);
-      if (hn::AllFalse(df, m)) continue;
-      for (int a = 0; a < kDims; ++a) {
-        const SampleVI last = hn::Set(di, lastIndex[a]);
-        i[a] = hn::IfThenElse(hn::Eq(i[a], last), hn::Sub(last, hn::Set(di, 1)), i[a]);
-        hn::Store(hn::Sub(f[a], hn::ConvertTo(df, i[a])), df, frac[a] + at);
-      }
-      lanes.Store<kDims>(i, m);
-      // Lanes outside the region sit on the region's first cell: reading it
-      // costs less than a branch per lane.
-      for (int v = 0; v < n; ++v)
-        FetchLinearLane<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], &rows[0][0], kStride,
-                                  at + v);
+  // A region that ends at index 0 on some axis reaches index -1 (weight 0),
+  // which only the one-element form guards.
+  const bool vector = s.lineOffsets32 && lastIndex[0] > 0 && lastIndex[1] > 0 &&
+                      (kDims == 2 || lastIndex[2] > 0);
+  for (; vector && k + n <= count; k += n) {
+    SampleVI i[3];
+    SampleVF f[3], t[3], u[3];
+    const SampleMask m = C::LoadTruncated(run, k, b, i, f);
+    if (hn::AllFalse(df, m)) continue;
+    for (int a = 0; a < kDims; ++a) {
+      const SampleVI last = hn::Set(di, lastIndex[a]);
+      i[a] = hn::IfThenElse(hn::Eq(i[a], last), hn::Sub(last, hn::Set(di, 1)), i[a]);
+      t[a] = hn::Sub(f[a], hn::ConvertTo(df, i[a]));
+      u[a] = hn::Sub(hn::Set(df, 1.0f), t[a]);
     }
-    for (int blk = 0; blk < blocks; ++blk, k += n) {
-      const int at = blk * n;
-      const SampleMask m = hn::RebindMask(df, hn::MaskFromVec(hn::Load(di, active + at)));
-      if (hn::AllFalse(df, m)) continue;
-      SampleVF t[3], u[3];
-      for (int a = 0; a < kDims; ++a) {
-        t[a] = hn::Load(df, frac[a] + at);
-        u[a] = hn::Sub(hn::Set(df, 1.0f), t[a]);
-      }
-      SampleVF r[kRows];
-      for (int q = 0; q < kRows; ++q) {
-        SampleVF p[2];
-        LoadLaneTaps<T, 2>(rows[q] + 2 * at, p);
-        r[q] = hn::Add(hn::Mul(p[0], u[0]), hn::Mul(p[1], t[0]));
-      }
-      const SampleVF b0 = hn::Add(hn::Mul(r[0], u[1]), hn::Mul(r[1], t[1]));
-      SampleVF v = b0;
-      if constexpr (kDims == 3) {
-        const SampleVF b1 = hn::Add(hn::Mul(r[2], u[1]), hn::Mul(r[3], t[1]));
-        v = hn::Add(hn::Mul(b0, u[2]), hn::Mul(b1, t[2]));
-      }
-      StoreLinear(v, m, dst + k);
+    lanes.Store<kDims>(s, i, m);
+    // Lanes outside the region sit on the region's first cell: reading it
+    // costs less than a branch per lane.
+    for (int v = 0; v < n; ++v)
+      FetchLinearLane<T, kDims>(s, lanes.z[v], lanes.offset[v], &rows[0][0], kStride, v);
+    SampleVF r[kRows];
+    for (int q = 0; q < kRows; ++q) {
+      SampleVF p[2];
+      LoadLaneTaps<T, 2>(rows[q], p);
+      r[q] = hn::Add(hn::Mul(p[0], u[0]), hn::Mul(p[1], t[0]));
     }
+    const SampleVF b0 = hn::Add(hn::Mul(r[0], u[1]), hn::Mul(r[1], t[1]));
+    SampleVF v = b0;
+    if constexpr (kDims == 3) {
+      const SampleVF b1 = hn::Add(hn::Mul(r[2], u[1]), hn::Mul(r[3], t[1]));
+      v = hn::Add(hn::Mul(b0, u[2]), hn::Mul(b1, t[2]));
+    }
+    StoreLinear(v, m, dst + k);
   }
 #endif
   for (; k < count; ++k) {
@@ -640,70 +616,58 @@ void SampleCubic(const SampleSource<T>& s, const typename C::Run& run, T* HWY_RE
   const int n = static_cast<int>(hn::Lanes(df));
   constexpr int kRows = kDims == 3 ? 16 : 4;
   constexpr int kWeights = 4 * kDims;
-  constexpr size_t kStride = 4 * kSampleChunk;
+  constexpr size_t kStride = 4 * kSampleLanes;
   HWY_ALIGN T rows[kRows][kStride];
   HWY_ALIGN int32_t index[kWeights][kSampleLanes];
-  HWY_ALIGN float frac[kWeights][kSampleChunk];
-  HWY_ALIGN WeightPair pairs[kWeights][kSampleChunk];
-  HWY_ALIGN int32_t active[kSampleChunk];
+  HWY_ALIGN WeightPair pairs[kWeights][kSampleLanes];
   SampleLanes lanes;
-  while (k + n <= count) {
-    const int blocks = SampleChunkBlocks(count - k, n);
-    for (int blk = 0; blk < blocks; ++blk) {
-      const int at = blk * n;
-      SampleVI i[3];
-      SampleVF f[3];
-      const SampleMask m = C::LoadTruncated(run, k + at, b, i, f);
-      hn::Store(hn::VecFromMask(di, hn::RebindMask(di, m)), di, active + at);
-      if (hn::AllFalse(df, m)) continue;
-      // Table positions of the distances |q - t|, q = -1 .. 2, as
-      // sampledWeight forms them.
-      for (int a = 0; a < kDims; ++a) {
-        const SampleVF t = hn::Sub(f[a], hn::ConvertTo(df, i[a]));
-        for (int q = 0; q < 4; ++q) {
-          const SampleVF d = hn::Abs(hn::Sub(hn::Set(df, static_cast<float>(q - 1)), t));
-          const SampleVF u = hn::Mul(hn::Min(d, hn::Set(df, 2.0f)), hn::Set(df, 100.0f));
-          const SampleVI whole = hn::ConvertTo(di, u);
-          hn::Store(whole, di, index[a * 4 + q]);
-          hn::Store(hn::Sub(u, hn::ConvertTo(df, whole)), df, frac[a * 4 + q] + at);
-        }
-      }
-      lanes.Store<kDims>(i, m);
-      for (int v = 0; v < n; ++v) {
-        for (int j = 0; j < kWeights; ++j) pairs[j][at + v] = s.pairs[index[j][v]];
-        if (lanes.active[v]) {
-          FetchCubicLane<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], &rows[0][0], kStride,
-                                   at + v);
-        } else {
-          for (int r = 0; r < kRows; ++r)
-            for (int e = 0; e < 4; ++e) rows[r][4 * (at + v) + e] = T(0);
-        }
+  for (; s.lineOffsets32 && k + n <= count; k += n) {
+    SampleVI i[3];
+    SampleVF f[3];
+    const SampleMask m = C::LoadTruncated(run, k, b, i, f);
+    if (hn::AllFalse(df, m)) continue;
+    // Table positions of the distances |q - t|, q = -1 .. 2, as sampledWeight
+    // forms them; the fractions between table entries stay in registers.
+    SampleVF frac[3][4];
+    for (int a = 0; a < kDims; ++a) {
+      const SampleVF t = hn::Sub(f[a], hn::ConvertTo(df, i[a]));
+      for (int q = 0; q < 4; ++q) {
+        const SampleVF d = hn::Abs(hn::Sub(hn::Set(df, static_cast<float>(q - 1)), t));
+        const SampleVF u = hn::Mul(hn::Min(d, hn::Set(df, 2.0f)), hn::Set(df, 100.0f));
+        const SampleVI whole = hn::ConvertTo(di, u);
+        hn::Store(whole, di, index[a * 4 + q]);
+        frac[a][q] = hn::Sub(u, hn::ConvertTo(df, whole));
       }
     }
-    for (int blk = 0; blk < blocks; ++blk, k += n) {
-      const int at = blk * n;
-      const SampleMask m = hn::RebindMask(df, hn::MaskFromVec(hn::Load(di, active + at)));
-      if (hn::AllFalse(df, m)) continue;
-      SampleVF w[3][4];
-      for (int a = 0; a < kDims; ++a)
-        for (int q = 0; q < 4; ++q) {
-          const float* pair = &pairs[a * 4 + q][at].base;
-          const SampleVF lo = hn::Load(df, pair), hi = hn::Load(df, pair + n);
-          w[a][q] = hn::Add(hn::ConcatEven(df, hi, lo),
-                            hn::Mul(hn::ConcatOdd(df, hi, lo), hn::Load(df, frac[a * 4 + q] + at)));
-        }
-      SampleVF col[4];
-      for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c) {
-        SampleVF r[4];
-        for (int q = 0; q < 4; ++q) {
-          SampleVF taps[4];
-          LoadLaneTaps<T, 4>(rows[c * 4 + q] + 4 * at, taps);
-          r[q] = Dot4(w[0], taps);
-        }
-        col[c] = Dot4(w[1], r);
+    lanes.Store<kDims>(s, i, m);
+    for (int v = 0; v < n; ++v) {
+      for (int j = 0; j < kWeights; ++j) pairs[j][v] = s.pairs[index[j][v]];
+      if (lanes.active[v]) {
+        FetchCubicLane<T, kDims>(s, lanes.x[v], lanes.y[v], lanes.z[v], lanes.offset[v],
+                                 &rows[0][0], kStride, v);
+      } else {
+        for (int r = 0; r < kRows; ++r)
+          for (int e = 0; e < 4; ++e) rows[r][4 * v + e] = T(0);
       }
-      StoreCubic(kDims == 3 ? Dot4(w[2], col) : col[0], m, dst + k);
     }
+    SampleVF w[3][4];
+    for (int a = 0; a < kDims; ++a)
+      for (int q = 0; q < 4; ++q) {
+        const float* pair = &pairs[a * 4 + q][0].base;
+        const SampleVF lo = hn::Load(df, pair), hi = hn::Load(df, pair + n);
+        w[a][q] = hn::Add(hn::ConcatEven(df, hi, lo), hn::Mul(hn::ConcatOdd(df, hi, lo), frac[a][q]));
+      }
+    SampleVF col[4];
+    for (int c = 0; c < (kDims == 3 ? 4 : 1); ++c) {
+      SampleVF r[4];
+      for (int q = 0; q < 4; ++q) {
+        SampleVF taps[4];
+        LoadLaneTaps<T, 4>(rows[c * 4 + q], taps);
+        r[q] = Dot4(w[0], taps);
+      }
+      col[c] = Dot4(w[1], r);
+    }
+    StoreCubic(kDims == 3 ? Dot4(w[2], col) : col[0], m, dst + k);
   }
 #endif
   for (; k < count; ++k) {

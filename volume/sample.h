@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 
@@ -51,11 +52,19 @@ struct SampleSource {
   const float* weights = nullptr;     // sampled table of a four-tap code
   const WeightPair* pairs = nullptr;  // the same table as base and slope
 
-  void setCode(int code) {
+  // Whether y * lineStep + x fits in 32 bits for every voxel: the vector
+  // forms then form those offsets in vector lanes. (Only planes beyond 2 GiB
+  // keep to the one-element forms.)
+  bool lineOffsets32 = false;
+
+  // After the fields above are set, with the final code.
+  void prepare(int code) {
     if (code >= VELR_INTER_CUBIC_LAGRANGE) {
       weights = cubicWeightTable(code);
       pairs = cubicWeightPairs(code);
     }
+    const int64_t step = lineStep < 0 ? -static_cast<int64_t>(lineStep) : lineStep;
+    lineOffsets32 = static_cast<int64_t>(height - 1) * step + width <= INT32_MAX;
   }
 };
 

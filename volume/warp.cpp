@@ -102,7 +102,7 @@ VelStatus warpPlane(const T* const* pSrc, VelrVolume srcVolume, int srcStep, Vel
   job.src.width = plane.width;
   job.src.height = plane.height;
   job.src.depth = 1;
-  job.src.setCode(code);
+  job.src.prepare(code);
   job.dst = pDst;
   job.dstStep = elementStep<T>(dstStep);
   job.dstBounds = regionBounds({dstRoi.x, dstRoi.y, 0, dstRoi.width, dstRoi.height, 1});
@@ -141,7 +141,7 @@ VelStatus warp(const T* const* pSrc, VelrVolume srcVolume, int srcStep, VelrCubo
   job.src.depth = srcVolume.depth;
   const int code = lowerCodeForSmallVolume(interpolation, srcVolume);
   if (!invertAffine(coeffs, job.m)) return velStsCoeffErr;
-  job.src.setCode(code);
+  job.src.prepare(code);
   job.dst = pDst;
   job.dstStep = elementStep<T>(dstStep);
   job.dstBounds = regionBounds(dstRoi);
