@@ -1,0 +1,302 @@
+// SIMD kernels of the 3-D convolution, compiled once per target.
+//
+// Integer paths. A vector of 16-bit source values seen as 32-bit lanes holds
+// pairs (s[2q], s[2q + 1]); multiplying it pairwise by a coefficient pair and
+// adding the halves gives, in lane q, two taps of output 2q. The same load
+// shifted by one voxel gives the two taps of output 2q + 1. Every pair of
+// taps therefore costs two plain loads and two pairwise multiply-adds, with
+// no shuffles, and the outputs come out as an even and an odd vector that
+// interleave into natural order by a shift and an or.
+//
+// Every result equals the one-voxel form in filter.h; where a line does not
+// fill a whole vector, the last vector is shifted back to end at the line's
+// end and recomputes a few voxels with identical values.
+
+#if defined(VELR_VOLUME_FILTER_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef VELR_VOLUME_FILTER_INL_H_
+#undef VELR_VOLUME_FILTER_INL_H_
+#else
+#define VELR_VOLUME_FILTER_INL_H_
+#endif
+
+#include <hwy/highway.h>
+
+#include "volume/filter.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace velr {
+namespace HWY_NAMESPACE {
+namespace filter_impl {
+
+namespace hn = hwy::HWY_NAMESPACE;
+using filter::DivisorClass;
+using filter::Job;
+using filter::Path;
+using filter::Scaling;
+
+#if HWY_TARGET != HWY_SCALAR
+
+// Widest and 16-output descriptors of the integer paths (32-bit lanes; each
+// covers twice its lane count of outputs). The integer paths require lines
+// of at least 16 voxels, so the narrow one always fits.
+using DWide = hn::ScalableTag<int32_t>;
+using DNarrow = hn::CappedTag<int32_t, 8>;
+
+template <class D32>
+constexpr size_t outputsPer(D32 d) {
+  return 2 * hn::MaxLanes(d);
+}
+
+// Calls fn(d, x, slot) for the segments of a line of `width` outputs: x is
+// the first output, slot the segment's place in the line of sums. Segments
+// tile [0, width); the last one may start before the previous end (same
+// outputs, same values) but keeps its own slot, so slots never overlap and
+// end at most at width rounded up to 16.
+template <class Fn>
+HWY_INLINE void forEachSegment(int width, Fn&& fn) {
+  const DWide dw;
+  const DNarrow dn;
+  constexpr ptrdiff_t kWide = static_cast<ptrdiff_t>(outputsPer(DWide()));
+  constexpr ptrdiff_t kNarrow = static_cast<ptrdiff_t>(outputsPer(DNarrow()));
+  ptrdiff_t x = 0;
+  if constexpr (kWide > kNarrow) {
+    for (; x + kWide <= width; x += kWide) fn(dw, x, x);
+  }
+  for (; x + kNarrow <= width; x += kNarrow) fn(dn, x, x);
+  if (x < width) fn(dn, width - kNarrow, x);
+}
+
+// The scaling of filter::scaleIntegerSum on a vector of sums, giving 32-bit
+// lanes already clamped to the 16-bit range.
+template <class D32>
+HWY_INLINE hn::VFromD<D32> scaleSums(D32 d, hn::VFromD<D32> s, const Scaling& sc) {
+  using V = hn::VFromD<D32>;
+  const V lo = hn::Set(d, -32768);
+  const V hi = hn::Set(d, 32767);
+  switch (sc.cls) {
+    case DivisorClass::kUnit:
+      return hn::Min(hn::Max(s, lo), hi);
+    case DivisorClass::kShift: {
+      const V q = hn::ShiftRightSame(s, sc.shift);
+      const V rem = hn::And(s, hn::Set(d, static_cast<int32_t>((1u << sc.shift) - 1u)));
+      const V half = hn::Set(d, static_cast<int32_t>(1u << (sc.shift - 1)));
+      const V one = hn::Set(d, 1);
+      // rem and half are non-negative, so the signed compares are exact.
+      const auto up = hn::Or(hn::Gt(rem, half),
+                             hn::And(hn::Eq(rem, half), hn::Eq(hn::And(q, one), one)));
+      const V r = hn::Add(q, hn::IfThenElseZero(up, one));
+      return hn::Min(hn::Max(r, lo), hi);
+    }
+    case DivisorClass::kGeneral:
+    default: {
+      const hn::Half<D32> dh;
+      const hn::Rebind<double, decltype(dh)> dd;
+      const auto div = hn::Set(dd, static_cast<double>(sc.divisor));
+      const auto qlo = hn::Set(dd, -32768.0);
+      const auto qhi = hn::Set(dd, 32767.0);
+      auto q0 = hn::Div(hn::PromoteTo(dd, hn::LowerHalf(dh, s)), div);
+      auto q1 = hn::Div(hn::PromoteTo(dd, hn::UpperHalf(dh, s)), div);
+      q0 = hn::Round(hn::Min(hn::Max(q0, qlo), qhi));
+      q1 = hn::Round(hn::Min(hn::Max(q1, qlo), qhi));
+      return hn::Combine(d, hn::DemoteTo(dh, q1), hn::DemoteTo(dh, q0));
+    }
+  }
+}
+
+// Interleaves the even and odd outputs (already in the 16-bit range) into
+// natural order and stores 2 * Lanes(d) voxels.
+template <class D32>
+HWY_INLINE void storeEvenOdd(D32 d, hn::VFromD<D32> even, hn::VFromD<D32> odd, Vel16s* out) {
+  const hn::Repartition<int16_t, D32> d16;
+  const auto packed = hn::Or(hn::And(even, hn::Set(d, 0xFFFF)), hn::ShiftLeft<16>(odd));
+  hn::StoreU(hn::BitCast(d16, packed), d16, out);
+}
+
+template <class D32>
+HWY_INLINE hn::VFromD<hn::Repartition<int16_t, D32>> pairVector(D32 d, uint32_t pair) {
+  return hn::BitCast(hn::Repartition<int16_t, D32>(), hn::Set(d, static_cast<int32_t>(pair)));
+}
+
+// Adds one kernel row of KW taps to the even and odd sums of the outputs
+// starting at row[0].
+template <int KW, class D32, class V16, class V32>
+HWY_INLINE void addRow(D32 d, const Vel16s* row, const V16* coef, V32& even, V32& even1, V32& odd,
+                       V32& odd1) {
+  const hn::Repartition<int16_t, D32> d16;
+  for (int p = 0; p < filter::pairsPerRow(KW); ++p) {
+    const int t = filter::pairOffset(KW, p);
+    even = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t), coef[p], even, even1);
+    odd = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t + 1), coef[p], odd, odd1);
+  }
+}
+
+// ---------------------------------------------------------------- cubes
+
+// The dedicated 3x3x3 and 5x5x5 paths: all N*N rows of one output segment
+// are summed in registers, over N source planes at a time.
+template <int N, class D32>
+HWY_INLINE void cubeSegment(D32 d, const Vel16s* const* rows, ptrdiff_t x,
+                            const hn::VFromD<hn::Repartition<int16_t, D32>>* coef,
+                            const Scaling& sc, Vel16s* out) {
+  constexpr int kPairs = (N + 1) / 2;
+  auto even = hn::Zero(d), even1 = hn::Zero(d), odd = hn::Zero(d), odd1 = hn::Zero(d);
+  for (int r = 0; r < N * N; ++r) addRow<N>(d, rows[r] + x, coef + r * kPairs, even, even1, odd, odd1);
+  even = hn::RearrangeToOddPlusEven(even, even1);
+  odd = hn::RearrangeToOddPlusEven(odd, odd1);
+  storeEvenOdd(d, scaleSums(d, even, sc), scaleSums(d, odd, sc), out + x);
+}
+
+template <int N>
+void cubeSlab(const Job& job, int depth) {
+  constexpr int kRows = N * N;
+  constexpr int kPairs = (N + 1) / 2;
+  const DWide dw;
+  const DNarrow dn;
+  hn::VFromD<hn::Repartition<int16_t, DWide>> cw[kRows * kPairs];
+  hn::VFromD<hn::Repartition<int16_t, DNarrow>> cn[kRows * kPairs];
+  for (int i = 0; i < kRows * kPairs; ++i) {
+    cw[i] = pairVector(dw, job.pairs[i]);
+    cn[i] = pairVector(dn, job.pairs[i]);
+  }
+  const Vel16s* rows[kRows];
+  for (int z = 0; z < depth; ++z)
+    for (int y = 0; y < job.height; ++y) {
+      for (int tz = 0; tz < N; ++tz)
+        for (int ty = 0; ty < N; ++ty) rows[tz * N + ty] = filter::sourceRow(job, y, z, ty, tz);
+      Vel16s* out = job.dst[z] + y * job.dstStride;
+      forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t) {
+        if constexpr (hn::MaxLanes(decltype(d)()) == hn::MaxLanes(dw)) {
+          cubeSegment<N>(d, rows, x, cw, job.scaling, out);
+        } else {
+          cubeSegment<N>(d, rows, x, cn, job.scaling, out);
+        }
+      });
+    }
+}
+
+// ---------------------------------------------------------------- generic
+
+// Any kernel of at least 3 along every axis: one line of 32-bit sums per
+// output line, accumulated one kernel plane at a time (all its rows per
+// pass), scaled and stored on the last plane.
+void genericSlab(const Job& job, int depth, int32_t* line) {
+  const int pairs = filter::pairsPerRow(job.kw);
+  for (int z = 0; z < depth; ++z)
+    for (int y = 0; y < job.height; ++y) {
+      Vel16s* out = job.dst[z] + y * job.dstStride;
+      for (int tz = 0; tz < job.kd; ++tz) {
+        const bool first = tz == 0;
+        const bool last = tz == job.kd - 1;
+        const uint32_t* planePairs = job.pairs + static_cast<size_t>(tz) * job.kh * pairs;
+        forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t slot) {
+          using D32 = decltype(d);
+          const ptrdiff_t n = static_cast<ptrdiff_t>(hn::Lanes(d));
+          auto even = first ? hn::Zero(d) : hn::LoadU(d, line + slot);
+          auto odd = first ? hn::Zero(d) : hn::LoadU(d, line + slot + n);
+          auto even1 = hn::Zero(d), odd1 = hn::Zero(d);
+          const hn::Repartition<int16_t, D32> d16;
+          for (int ty = 0; ty < job.kh; ++ty) {
+            const Vel16s* row = filter::sourceRow(job, y, z, ty, tz) + x;
+            const uint32_t* rowPairs = planePairs + static_cast<size_t>(ty) * pairs;
+            for (int p = 0; p < pairs; ++p) {
+              const auto coef = pairVector(d, rowPairs[p]);
+              const int t = filter::pairOffset(job.kw, p);
+              even = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t), coef, even, even1);
+              odd = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t + 1), coef, odd, odd1);
+            }
+          }
+          even = hn::RearrangeToOddPlusEven(even, even1);
+          odd = hn::RearrangeToOddPlusEven(odd, odd1);
+          if (last) {
+            storeEvenOdd(d, scaleSums(d, even, job.scaling), scaleSums(d, odd, job.scaling), out + x);
+          } else {
+            hn::StoreU(even, d, line + slot);
+            hn::StoreU(odd, d, line + slot + n);
+          }
+        });
+      }
+    }
+}
+
+// ---------------------------------------------------------------- float
+
+// Single-precision sums in the tap order of filter::floatSumAt; the vector
+// lanes are independent voxels, so each lane repeats that order exactly.
+void floatSlab(const Job& job, int depth) {
+  const hn::ScalableTag<float> df;
+  const hn::Rebind<int32_t, decltype(df)> di;
+  const hn::Rebind<int16_t, decltype(df)> d16;
+  const hn::Half<decltype(df)> dfh;
+  const hn::Rebind<double, decltype(dfh)> dd;
+  const hn::Rebind<int32_t, decltype(dfh)> dih;
+  const ptrdiff_t n = static_cast<ptrdiff_t>(hn::Lanes(df));
+  const auto recip = hn::Set(dd, static_cast<double>(job.scaling.reciprocal));
+  const auto qlo = hn::Set(dd, -32768.0);
+  const auto qhi = hn::Set(dd, 32767.0);
+  for (int z = 0; z < depth; ++z)
+    for (int y = 0; y < job.height; ++y) {
+      Vel16s* out = job.dst[z] + y * job.dstStride;
+      if (job.width < n) {
+        for (int x = 0; x < job.width; ++x) out[x] = filter::voxelAt(job, x, y, z);
+        continue;
+      }
+      for (ptrdiff_t x0 = 0; x0 < job.width; x0 += n) {
+        const ptrdiff_t x = x0 + n <= job.width ? x0 : job.width - n;
+        auto sum = hn::Zero(df);
+        const float* c = job.taps;
+        for (int tz = 0; tz < job.kd; ++tz)
+          for (int ty = 0; ty < job.kh; ++ty) {
+            const Vel16s* row = filter::sourceRow(job, y, z, ty, tz) + x;
+            for (int tx = 0; tx < job.kw; ++tx) {
+              const auto s = hn::ConvertTo(df, hn::PromoteTo(di, hn::LoadU(d16, row + tx)));
+              sum = hn::Add(sum, hn::Mul(hn::Set(df, *c++), s));
+            }
+          }
+        auto v0 = hn::Mul(hn::PromoteTo(dd, hn::LowerHalf(dfh, sum)), recip);
+        auto v1 = hn::Mul(hn::PromoteTo(dd, hn::UpperHalf(dfh, sum)), recip);
+        v0 = hn::Round(hn::Min(hn::Max(v0, qlo), qhi));
+        v1 = hn::Round(hn::Min(hn::Max(v1, qlo), qhi));
+        const auto r = hn::Combine(di, hn::DemoteTo(dih, v1), hn::DemoteTo(dih, v0));
+        hn::StoreU(hn::DemoteTo(d16, r), d16, out + x);
+      }
+    }
+}
+
+#endif  // HWY_TARGET != HWY_SCALAR
+
+}  // namespace filter_impl
+
+// Filters `depth` destination planes of `job` (its plane arrays already
+// start at the slab). `line` holds at least width rounded up to 16 sums.
+void FilterSlab(const filter::Job& job, int depth, int32_t* line) {
+  using filter::Path;
+#if HWY_TARGET == HWY_SCALAR
+  (void)line;
+  for (int z = 0; z < depth; ++z)
+    for (int y = 0; y < job.height; ++y) {
+      Vel16s* out = job.dst[z] + y * job.dstStride;
+      for (int x = 0; x < job.width; ++x) out[x] = filter::voxelAt(job, x, y, z);
+    }
+#else
+  switch (job.path) {
+    case Path::kCube3:
+      filter_impl::cubeSlab<3>(job, depth);
+      break;
+    case Path::kCube5:
+      filter_impl::cubeSlab<5>(job, depth);
+      break;
+    case Path::kGeneric16:
+      filter_impl::genericSlab(job, depth, line);
+      break;
+    case Path::kFloat:
+      filter_impl::floatSlab(job, depth);
+      break;
+  }
+#endif
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace velr
+HWY_AFTER_NAMESPACE();
+
+#endif  // include guard
