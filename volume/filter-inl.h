@@ -19,7 +19,10 @@
 #define VELR_VOLUME_FILTER_INL_H_
 #endif
 
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
+
+#include <type_traits>
 
 #include "volume/filter.h"
 
@@ -68,38 +71,50 @@ HWY_INLINE void forEachSegment(int width, Fn&& fn) {
 
 // The scaling of filter::scaleIntegerSum on a vector of sums, giving 32-bit
 // lanes already clamped to the 16-bit range.
-template <class D32>
+template <DivisorClass kClass, class D32>
 HWY_INLINE hn::VFromD<D32> scaleSums(D32 d, hn::VFromD<D32> s, const Scaling& sc) {
   using V = hn::VFromD<D32>;
   const V lo = hn::Set(d, -32768);
   const V hi = hn::Set(d, 32767);
-  switch (sc.cls) {
+  if constexpr (kClass == DivisorClass::kUnit) {
+    return hn::Min(hn::Max(s, lo), hi);
+  } else if constexpr (kClass == DivisorClass::kShift) {
+    const V q = hn::ShiftRightSame(s, sc.shift);
+    const V rem = hn::And(s, hn::Set(d, static_cast<int32_t>((1u << sc.shift) - 1u)));
+    const V half = hn::Set(d, static_cast<int32_t>(1u << (sc.shift - 1)));
+    const V one = hn::Set(d, 1);
+    // rem and half are non-negative, so the signed compares are exact.
+    const auto up =
+        hn::Or(hn::Gt(rem, half), hn::And(hn::Eq(rem, half), hn::Eq(hn::And(q, one), one)));
+    const V r = hn::Add(q, hn::IfThenElseZero(up, one));
+    return hn::Min(hn::Max(r, lo), hi);
+  } else {
+    const hn::Half<D32> dh;
+    const hn::Rebind<double, decltype(dh)> dd;
+    const auto div = hn::Set(dd, static_cast<double>(sc.divisor));
+    const auto qlo = hn::Set(dd, -32768.0);
+    const auto qhi = hn::Set(dd, 32767.0);
+    auto q0 = hn::Div(hn::PromoteTo(dd, hn::LowerHalf(dh, s)), div);
+    auto q1 = hn::Div(hn::PromoteTo(dd, hn::UpperHalf(dh, s)), div);
+    q0 = hn::Round(hn::Min(hn::Max(q0, qlo), qhi));
+    q1 = hn::Round(hn::Min(hn::Max(q1, qlo), qhi));
+    return hn::Combine(d, hn::DemoteTo(dh, q1), hn::DemoteTo(dh, q0));
+  }
+}
+
+// Calls fn with the divisor class as a compile-time constant.
+template <class Fn>
+HWY_INLINE void withDivisorClass(DivisorClass cls, Fn&& fn) {
+  switch (cls) {
     case DivisorClass::kUnit:
-      return hn::Min(hn::Max(s, lo), hi);
-    case DivisorClass::kShift: {
-      const V q = hn::ShiftRightSame(s, sc.shift);
-      const V rem = hn::And(s, hn::Set(d, static_cast<int32_t>((1u << sc.shift) - 1u)));
-      const V half = hn::Set(d, static_cast<int32_t>(1u << (sc.shift - 1)));
-      const V one = hn::Set(d, 1);
-      // rem and half are non-negative, so the signed compares are exact.
-      const auto up = hn::Or(hn::Gt(rem, half),
-                             hn::And(hn::Eq(rem, half), hn::Eq(hn::And(q, one), one)));
-      const V r = hn::Add(q, hn::IfThenElseZero(up, one));
-      return hn::Min(hn::Max(r, lo), hi);
-    }
+      fn(std::integral_constant<DivisorClass, DivisorClass::kUnit>());
+      break;
+    case DivisorClass::kShift:
+      fn(std::integral_constant<DivisorClass, DivisorClass::kShift>());
+      break;
     case DivisorClass::kGeneral:
-    default: {
-      const hn::Half<D32> dh;
-      const hn::Rebind<double, decltype(dh)> dd;
-      const auto div = hn::Set(dd, static_cast<double>(sc.divisor));
-      const auto qlo = hn::Set(dd, -32768.0);
-      const auto qhi = hn::Set(dd, 32767.0);
-      auto q0 = hn::Div(hn::PromoteTo(dd, hn::LowerHalf(dh, s)), div);
-      auto q1 = hn::Div(hn::PromoteTo(dd, hn::UpperHalf(dh, s)), div);
-      q0 = hn::Round(hn::Min(hn::Max(q0, qlo), qhi));
-      q1 = hn::Round(hn::Min(hn::Max(q1, qlo), qhi));
-      return hn::Combine(d, hn::DemoteTo(dh, q1), hn::DemoteTo(dh, q0));
-    }
+      fn(std::integral_constant<DivisorClass, DivisorClass::kGeneral>());
+      break;
   }
 }
 
@@ -112,66 +127,100 @@ HWY_INLINE void storeEvenOdd(D32 d, hn::VFromD<D32> even, hn::VFromD<D32> odd, V
   hn::StoreU(hn::BitCast(d16, packed), d16, out);
 }
 
+HWY_INLINE void prefetchRow(const Vel16s* row, int count) {
+  for (int x = 0; x < count; x += 32) hwy::Prefetch(row + x);
+}
+
 template <class D32>
 HWY_INLINE hn::VFromD<hn::Repartition<int16_t, D32>> pairVector(D32 d, uint32_t pair) {
   return hn::BitCast(hn::Repartition<int16_t, D32>(), hn::Set(d, static_cast<int32_t>(pair)));
 }
 
-// Adds one kernel row of KW taps to the even and odd sums of the outputs
-// starting at row[0].
-template <int KW, class D32, class V16, class V32>
-HWY_INLINE void addRow(D32 d, const Vel16s* row, const V16* coef, V32& even, V32& even1, V32& odd,
-                       V32& odd1) {
+// ---------------------------------------------------------------- cubes
+
+// The dedicated 3x3x3 and 5x5x5 paths sum all N^3 taps of L output lines
+// in registers, over N source planes at a time. A source row feeds up to L
+// output lines (with different kernel rows), so each load serves several
+// multiply-adds; loads, not multiplies, bound this loop otherwise.
+// rows[tz * (N + L - 1) + r] is source row r of plane tz for the group.
+template <int N, int L, DivisorClass kClass, class D32, class V16>
+HWY_INLINE void cubeSegment(D32 d, const Vel16s* const* rows, ptrdiff_t x, const V16* coef,
+                            const Scaling& sc, Vel16s* const* out) {
+  constexpr int kRows = N + L - 1;
+  constexpr int kPairs = filter::pairsPerRow(N);
   const hn::Repartition<int16_t, D32> d16;
-  for (int p = 0; p < filter::pairsPerRow(KW); ++p) {
-    const int t = filter::pairOffset(KW, p);
-    even = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t), coef[p], even, even1);
-    odd = hn::ReorderWidenMulAccumulate(d, hn::LoadU(d16, row + t + 1), coef[p], odd, odd1);
+  hn::VFromD<D32> even[L], even1[L], odd[L], odd1[L];
+  HWY_UNROLL(4)
+  for (int l = 0; l < L; ++l) even[l] = even1[l] = odd[l] = odd1[l] = hn::Zero(d);
+  for (int tz = 0; tz < N; ++tz) {
+    HWY_UNROLL(8)
+    for (int r = 0; r < kRows; ++r) {
+      const Vel16s* s = rows[tz * kRows + r] + x;
+      HWY_UNROLL(3)
+      for (int p = 0; p < kPairs; ++p) {
+        const int t = filter::pairOffset(N, p);
+        const V16 a = hn::LoadU(d16, s + t);
+        const V16 b = hn::LoadU(d16, s + t + 1);
+        HWY_UNROLL(4)
+        for (int l = 0; l < L; ++l) {
+          const int ty = r - l;
+          if (ty < 0 || ty >= N) continue;
+          const V16 c = coef[(tz * N + ty) * kPairs + p];
+          even[l] = hn::ReorderWidenMulAccumulate(d, a, c, even[l], even1[l]);
+          odd[l] = hn::ReorderWidenMulAccumulate(d, b, c, odd[l], odd1[l]);
+        }
+      }
+    }
+  }
+  HWY_UNROLL(4)
+  for (int l = 0; l < L; ++l) {
+    const auto e = scaleSums<kClass>(d, hn::RearrangeToOddPlusEven(even[l], even1[l]), sc);
+    const auto o = scaleSums<kClass>(d, hn::RearrangeToOddPlusEven(odd[l], odd1[l]), sc);
+    storeEvenOdd(d, e, o, out[l] + x);
   }
 }
 
-// ---------------------------------------------------------------- cubes
-
-// The dedicated 3x3x3 and 5x5x5 paths: all N*N rows of one output segment
-// are summed in registers, over N source planes at a time.
-template <int N, class D32>
-HWY_INLINE void cubeSegment(D32 d, const Vel16s* const* rows, ptrdiff_t x,
-                            const hn::VFromD<hn::Repartition<int16_t, D32>>* coef,
-                            const Scaling& sc, Vel16s* out) {
-  constexpr int kPairs = (N + 1) / 2;
-  auto even = hn::Zero(d), even1 = hn::Zero(d), odd = hn::Zero(d), odd1 = hn::Zero(d);
-  for (int r = 0; r < N * N; ++r) addRow<N>(d, rows[r] + x, coef + r * kPairs, even, even1, odd, odd1);
-  even = hn::RearrangeToOddPlusEven(even, even1);
-  odd = hn::RearrangeToOddPlusEven(odd, odd1);
-  storeEvenOdd(d, scaleSums(d, even, sc), scaleSums(d, odd, sc), out + x);
+template <int N, int L, DivisorClass kClass, class CW, class CN>
+HWY_INLINE void cubeLines(const Job& job, int y, int z, const CW* cw, const CN* cn) {
+  constexpr int kRows = N + L - 1;
+  const Vel16s* rows[N * kRows];
+  for (int tz = 0; tz < N; ++tz)
+    for (int r = 0; r < kRows; ++r) rows[tz * kRows + r] = filter::sourceRow(job, y, z, r, tz);
+  Vel16s* out[L];
+  for (int l = 0; l < L; ++l) out[l] = job.dst[z] + (y + l) * job.dstStride;
+  // Only the newest source plane comes from memory (the others were read
+  // for the previous output plane and are still cached). The many row
+  // streams of a group defeat the hardware prefetchers, so the rows that
+  // the next group adds are requested now.
+  for (int l = 0; l < L; ++l) prefetchRow(filter::sourceRow(job, y, z, kRows + l, N - 1), job.width + N);
+  forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t) {
+    if constexpr (hn::MaxLanes(decltype(d)()) == hn::MaxLanes(DWide())) {
+      cubeSegment<N, L, kClass>(d, rows, x, cw, job.scaling, out);
+    } else {
+      cubeSegment<N, L, kClass>(d, rows, x, cn, job.scaling, out);
+    }
+  });
 }
 
 template <int N>
 void cubeSlab(const Job& job, int depth) {
-  constexpr int kRows = N * N;
-  constexpr int kPairs = (N + 1) / 2;
-  const DWide dw;
-  const DNarrow dn;
-  hn::VFromD<hn::Repartition<int16_t, DWide>> cw[kRows * kPairs];
-  hn::VFromD<hn::Repartition<int16_t, DNarrow>> cn[kRows * kPairs];
-  for (int i = 0; i < kRows * kPairs; ++i) {
-    cw[i] = pairVector(dw, job.pairs[i]);
-    cn[i] = pairVector(dn, job.pairs[i]);
+  // Four lines per pass fit the accumulators of both vector widths in
+  // registers, beside the 3x3x3 coefficients on 32-register targets.
+  constexpr int kLines = 4;
+  constexpr int kCoefs = N * N * filter::pairsPerRow(N);
+  hn::VFromD<hn::Repartition<int16_t, DWide>> cw[kCoefs];
+  hn::VFromD<hn::Repartition<int16_t, DNarrow>> cn[kCoefs];
+  for (int i = 0; i < kCoefs; ++i) {
+    cw[i] = pairVector(DWide(), job.pairs[i]);
+    cn[i] = pairVector(DNarrow(), job.pairs[i]);
   }
-  const Vel16s* rows[kRows];
-  for (int z = 0; z < depth; ++z)
-    for (int y = 0; y < job.height; ++y) {
-      for (int tz = 0; tz < N; ++tz)
-        for (int ty = 0; ty < N; ++ty) rows[tz * N + ty] = filter::sourceRow(job, y, z, ty, tz);
-      Vel16s* out = job.dst[z] + y * job.dstStride;
-      forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t) {
-        if constexpr (hn::MaxLanes(decltype(d)()) == hn::MaxLanes(dw)) {
-          cubeSegment<N>(d, rows, x, cw, job.scaling, out);
-        } else {
-          cubeSegment<N>(d, rows, x, cn, job.scaling, out);
-        }
-      });
+  withDivisorClass(job.scaling.cls, [&](auto cls) {
+    for (int z = 0; z < depth; ++z) {
+      int y = 0;
+      for (; y + kLines <= job.height; y += kLines) cubeLines<N, kLines, cls.value>(job, y, z, cw, cn);
+      for (; y < job.height; ++y) cubeLines<N, 1, cls.value>(job, y, z, cw, cn);
     }
+  });
 }
 
 // ---------------------------------------------------------------- generic
@@ -179,6 +228,7 @@ void cubeSlab(const Job& job, int depth) {
 // Any kernel of at least 3 along every axis: one line of 32-bit sums per
 // output line, accumulated one kernel plane at a time (all its rows per
 // pass), scaled and stored on the last plane.
+template <DivisorClass kClass>
 void genericSlab(const Job& job, int depth, int32_t* line) {
   const int pairs = filter::pairsPerRow(job.kw);
   for (int z = 0; z < depth; ++z)
@@ -208,7 +258,8 @@ void genericSlab(const Job& job, int depth, int32_t* line) {
           even = hn::RearrangeToOddPlusEven(even, even1);
           odd = hn::RearrangeToOddPlusEven(odd, odd1);
           if (last) {
-            storeEvenOdd(d, scaleSums(d, even, job.scaling), scaleSums(d, odd, job.scaling), out + x);
+            storeEvenOdd(d, scaleSums<kClass>(d, even, job.scaling), scaleSums<kClass>(d, odd, job.scaling),
+                         out + x);
           } else {
             hn::StoreU(even, d, line + slot);
             hn::StoreU(odd, d, line + slot + n);
@@ -286,7 +337,9 @@ void FilterSlab(const filter::Job& job, int depth, int32_t* line) {
       filter_impl::cubeSlab<5>(job, depth);
       break;
     case Path::kGeneric16:
-      filter_impl::genericSlab(job, depth, line);
+      filter_impl::withDivisorClass(job.scaling.cls, [&](auto cls) {
+        filter_impl::genericSlab<cls.value>(job, depth, line);
+      });
       break;
     case Path::kFloat:
       filter_impl::floatSlab(job, depth);

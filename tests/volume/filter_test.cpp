@@ -275,11 +275,11 @@ TEST(Filter, EveryPathMatchesTheReference) {
   const PathCase cases[] = {
       {{16, 3, 2}, {3, 3, 3}, 64, false, 300, 200},
       {{17, 2, 2}, {3, 3, 3}, 6, false, 300, 200},
-      {{40, 3, 2}, {3, 3, 3}, -7, false, 300, 200},
+      {{40, 6, 2}, {3, 3, 3}, -7, false, 300, 200},
       {{67, 2, 3}, {3, 3, 3}, 1, false, 100, 40},
       {{48, 2, 2}, {3, 3, 3}, 4096, false, 32768, 32766},
       {{16, 2, 2}, {5, 5, 5}, 4096, false, 300, 200},
-      {{37, 3, 2}, {5, 5, 5}, 10, false, 300, 200},
+      {{37, 7, 2}, {5, 5, 5}, 10, false, 300, 200},
       {{33, 2, 2}, {5, 5, 5}, 1, false, 32768, 32766},
       {{21, 3, 2}, {7, 3, 3}, 1024, false, 300, 200},
       {{33, 2, 3}, {4, 3, 3}, 3, false, 300, 200},
@@ -300,8 +300,8 @@ TEST(Filter, EveryPathMatchesTheReference) {
 // neighbourhood, so sanitizer builds also prove nothing else is read.
 TEST(Filter, AnchorsAtCornersAndOutsideTheKernel) {
   const PathCase cases[] = {
-      {{18, 3, 2}, {3, 3, 3}, 64, false, 300, 200},
-      {{20, 2, 2}, {5, 5, 5}, 7, false, 300, 200},
+      {{18, 5, 2}, {3, 3, 3}, 64, false, 300, 200},
+      {{20, 6, 2}, {5, 5, 5}, 7, false, 300, 200},
       {{17, 2, 2}, {4, 3, 5}, 1, false, 300, 200},
       {{6, 2, 2}, {2, 3, 1}, 5, true, 300, 200},
   };
@@ -319,7 +319,7 @@ TEST(Filter, DivisorClassesIncludingNegative) {
   const int divisors[] = {1, 2, 4, 64, 1 << 14, 1 << 30, 3, 6, 10, 255, -1, -2, -64, -10, INT_MAX, INT_MIN};
   std::vector<PathCase> cases;
   for (int div : divisors) {
-    cases.push_back({{24, 3, 2}, {3, 3, 3}, div, false, 2000, 2000});
+    cases.push_back({{24, 5, 2}, {3, 3, 3}, div, false, 2000, 2000});
     cases.push_back({{16, 2, 2}, {3, 3, 4}, div, false, 2000, 2000});
     cases.push_back({{7, 3, 2}, {3, 3, 3}, div, true, 300, 200});
   }
