@@ -191,8 +191,9 @@ HWY_INLINE void cubeLines(const Job& job, int y, int z, const CW* cw, const CN* 
   // Only the newest source plane comes from memory (the others were read
   // for the previous output plane and are still cached). The many row
   // streams of a group defeat the hardware prefetchers, so the rows that
-  // the next group adds are requested now.
-  for (int l = 0; l < L; ++l) prefetchRow(filter::sourceRow(job, y, z, kRows + l, N - 1), job.width + N);
+  // the next group adds are requested now (those the caller provides).
+  for (int r = kRows; r < kRows + L && y + r < job.height + N - 1; ++r)
+    prefetchRow(filter::sourceRow(job, y, z, r, N - 1), job.width + N - 1);
   forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t) {
     if constexpr (hn::MaxLanes(decltype(d)()) == hn::MaxLanes(DWide())) {
       cubeSegment<N, L, kClass>(d, rows, x, cw, job.scaling, out);
