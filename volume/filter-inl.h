@@ -118,13 +118,30 @@ HWY_INLINE void withDivisorClass(DivisorClass cls, Fn&& fn) {
   }
 }
 
+// Streams a vector in 16-byte pieces, so rows aligned to 16 bytes qualify.
+template <class D16>
+HWY_INLINE void streamPieces(D16 d, hn::VFromD<D16> v, Vel16s* out) {
+  if constexpr (hn::MaxLanes(D16()) * sizeof(int16_t) <= 16) {
+    hn::Stream(v, d, out);
+  } else {
+    const hn::Half<D16> dh;
+    streamPieces(dh, hn::LowerHalf(dh, v), out);
+    streamPieces(dh, hn::UpperHalf(dh, v), out + hn::MaxLanes(dh));
+  }
+}
+
 // Interleaves the even and odd outputs (already in the 16-bit range) into
-// natural order and stores 2 * Lanes(d) voxels.
+// natural order and stores 2 * Lanes(d) voxels, bypassing the caches when
+// `stream` is set and the address allows it.
 template <class D32>
-HWY_INLINE void storeEvenOdd(D32 d, hn::VFromD<D32> even, hn::VFromD<D32> odd, Vel16s* out) {
+HWY_INLINE void storeEvenOdd(D32 d, hn::VFromD<D32> even, hn::VFromD<D32> odd, Vel16s* out, bool stream) {
   const hn::Repartition<int16_t, D32> d16;
-  const auto packed = hn::Or(hn::And(even, hn::Set(d, 0xFFFF)), hn::ShiftLeft<16>(odd));
-  hn::StoreU(hn::BitCast(d16, packed), d16, out);
+  const auto packed = hn::BitCast(d16, hn::Or(hn::And(even, hn::Set(d, 0xFFFF)), hn::ShiftLeft<16>(odd)));
+  if (stream && (reinterpret_cast<uintptr_t>(out) & 15) == 0) {
+    streamPieces(d16, packed, out);
+  } else {
+    hn::StoreU(packed, d16, out);
+  }
 }
 
 HWY_INLINE void prefetchRow(const Vel16s* row, int count) {
@@ -145,7 +162,7 @@ HWY_INLINE hn::VFromD<hn::Repartition<int16_t, D32>> pairVector(D32 d, uint32_t 
 // rows[tz * (N + L - 1) + r] is source row r of plane tz for the group.
 template <int N, int L, DivisorClass kClass, class D32, class V16>
 HWY_INLINE void cubeSegment(D32 d, const Vel16s* const* rows, ptrdiff_t x, const V16* coef,
-                            const Scaling& sc, Vel16s* const* out) {
+                            const Scaling& sc, Vel16s* const* out, bool stream) {
   constexpr int kRows = N + L - 1;
   constexpr int kPairs = filter::pairsPerRow(N);
   const hn::Repartition<int16_t, D32> d16;
@@ -176,7 +193,7 @@ HWY_INLINE void cubeSegment(D32 d, const Vel16s* const* rows, ptrdiff_t x, const
   for (int l = 0; l < L; ++l) {
     const auto e = scaleSums<kClass>(d, hn::RearrangeToOddPlusEven(even[l], even1[l]), sc);
     const auto o = scaleSums<kClass>(d, hn::RearrangeToOddPlusEven(odd[l], odd1[l]), sc);
-    storeEvenOdd(d, e, o, out[l] + x);
+    storeEvenOdd(d, e, o, out[l] + x, stream);
   }
 }
 
@@ -196,9 +213,9 @@ HWY_INLINE void cubeLines(const Job& job, int y, int z, const CW* cw, const CN* 
     prefetchRow(filter::sourceRow(job, y, z, r, N - 1), job.width + N - 1);
   forEachSegment(job.width, [&](auto d, ptrdiff_t x, ptrdiff_t) {
     if constexpr (hn::MaxLanes(decltype(d)()) == hn::MaxLanes(DWide())) {
-      cubeSegment<N, L, kClass>(d, rows, x, cw, job.scaling, out);
+      cubeSegment<N, L, kClass>(d, rows, x, cw, job.scaling, out, job.stream);
     } else {
-      cubeSegment<N, L, kClass>(d, rows, x, cn, job.scaling, out);
+      cubeSegment<N, L, kClass>(d, rows, x, cn, job.scaling, out, job.stream);
     }
   });
 }
@@ -260,7 +277,7 @@ void genericSlab(const Job& job, int depth, int32_t* line) {
           odd = hn::RearrangeToOddPlusEven(odd, odd1);
           if (last) {
             storeEvenOdd(d, scaleSums<kClass>(d, even, job.scaling), scaleSums<kClass>(d, odd, job.scaling),
-                         out + x);
+                         out + x, job.stream);
           } else {
             hn::StoreU(even, d, line + slot);
             hn::StoreU(odd, d, line + slot + n);
@@ -322,6 +339,10 @@ void floatSlab(const Job& job, int depth) {
 // start at the slab). `line` holds at least width rounded up to 16 sums.
 void FilterSlab(const filter::Job& job, int depth, int32_t* line) {
   using filter::Path;
+  // Streamed stores must be visible before the slab reports completion.
+  struct Flush {
+    ~Flush() { hwy::FlushStream(); }
+  } flush;
 #if HWY_TARGET == HWY_SCALAR
   (void)line;
   for (int z = 0; z < depth; ++z)

@@ -21,14 +21,19 @@ HWY_EXPORT(FilterSlab);
 
 namespace {
 
-// Coefficient sums up to three times the largest repackable coefficient, and
-// coefficients that leave one value spare at each end of the 16-bit range,
-// keep every pairwise product sum inside 32 bits.
+// A kernel takes an integer path only when every tap fits 16 bits with a
+// value to spare at each end (without -32768 no pairwise product sum can
+// leave 32 bits) and the taps sum to at most three times the largest such
+// tap. The limits decide results, not just speed: the paths round
+// differently, so they are kept exactly.
 constexpr int64_t kMaxIntegerKernelSum = 98301;
 constexpr int32_t kMinIntegerTap = -32767;
 constexpr int32_t kMaxIntegerTap = 32766;
 // Below 16 voxels per line the integer paths would not fill one vector.
 constexpr int kMinIntegerWidth = 16;
+// Destinations this large are written past the caches: they would not stay
+// there anyway, and streaming saves reading each line before writing it.
+constexpr int64_t kStreamBytes = 8 << 20;
 // Volumes are split into slabs only when every axis has this many voxels.
 constexpr int kMinParallelExtent = 16;
 
@@ -152,6 +157,7 @@ VELR_API VelStatus velrFilter_16s_C1PV(const Vel16s* const* pSrc, int srcStep, V
   job.zOrigin = static_cast<int64_t>(anchor.z) - (k.depth - 1);
   job.path = choosePath(pKernel, k, d.width);
   job.scaling = filter::classifyDivisor(divisor);
+  job.stream = static_cast<int64_t>(d.width) * d.height * d.depth * 2 >= kStreamBytes;
 
   // Lines first, each a multiple of 64 bytes from one aligned start; the
   // kernel after them. This fits one thread's 64 spare bytes.

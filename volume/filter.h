@@ -60,6 +60,7 @@ struct Job {
   int64_t xOrigin, yOrigin, zOrigin;  // anchor - (kernel extent - 1)
   Path path;
   Scaling scaling;
+  bool stream;  // write the integer paths' results past the caches
   const uint32_t* pairs;  // pairsPerRow(kw) per row, rows ty fastest, then tz
   const float* taps;      // kw per row, same row order (float path)
 };
