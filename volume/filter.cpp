@@ -137,10 +137,10 @@ VELR_API VelStatus velrFilter_16s_C1PV(const Vel16s* const* pSrc, int srcStep, V
 
   const bool split = d.width >= kMinParallelExtent && d.height >= kMinParallelExtent &&
                      d.depth >= kMinParallelExtent;
-  const int threads = split ? ownGetNumThreads() : 1;
+  const int threads = split && ownGetNumThreads() > 1 ? ownGetNumThreads() : 1;
   int64_t bytes = 0;
   // A kernel whose work buffer cannot be sized cannot have been given one.
-  if (!workBufferBytes(d.width, k, threads < 1 ? 1 : threads, &bytes)) return velStsSizeErr;
+  if (!workBufferBytes(d.width, k, threads, &bytes)) return velStsSizeErr;
 
   filter::Job job;
   job.src = pSrc;
@@ -163,7 +163,7 @@ VELR_API VelStatus velrFilter_16s_C1PV(const Vel16s* const* pSrc, int srcStep, V
   // kernel after them. This fits one thread's 64 spare bytes.
   const int64_t lineInts = roundUp16(d.width);
   uint8_t* lines = alignUp64(pBuffer);
-  uint8_t* kernelArea = lines + 4 * lineInts * (threads < 1 ? 1 : threads);
+  uint8_t* kernelArea = lines + 4 * lineInts * threads;
   job.pairs = reinterpret_cast<const uint32_t*>(kernelArea);
   job.taps = reinterpret_cast<const float*>(kernelArea);
   repackKernel(pKernel, k, job.path, reinterpret_cast<uint32_t*>(kernelArea),
