@@ -137,7 +137,8 @@ VELR_API VelStatus velrFilter_16s_C1PV(const Vel16s* const* pSrc, int srcStep, V
 
   const bool split = d.width >= kMinParallelExtent && d.height >= kMinParallelExtent &&
                      d.depth >= kMinParallelExtent;
-  const int threads = split && ownGetNumThreads() > 1 ? ownGetNumThreads() : 1;
+  const int available = ownGetNumThreads();
+  const int threads = split && available > 1 ? available : 1;
   int64_t bytes = 0;
   // A kernel whose work buffer cannot be sized cannot have been given one.
   if (!workBufferBytes(d.width, k, threads, &bytes)) return velStsSizeErr;
