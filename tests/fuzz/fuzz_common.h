@@ -30,6 +30,17 @@ namespace fuzz {
     if (!(cond)) ::fuzz::fail(what, __FILE__, __LINE__);        \
   } while (0)
 
+// Prints a call's parameters when FUZZ_TRACE is set, for reproducing a
+// reported input by hand.
+inline bool tracing() {
+  static const bool on = std::getenv("FUZZ_TRACE") != nullptr;
+  return on;
+}
+#define FUZZ_TRACE(...)                                    \
+  do {                                                     \
+    if (::fuzz::tracing()) std::fprintf(stderr, __VA_ARGS__); \
+  } while (0)
+
 // The status a call returned must be the one its checks predict.
 #define FUZZ_EXPECT_STATUS(got, want)                                                       \
   do {                                                                                      \
@@ -165,6 +176,8 @@ class Arena {
       for (size_t i = 0; i < r.bytes; ++i) r.data[i] = fill->u8();
     }
     r.writable.assign(r.bytes, 0);
+    FUZZ_TRACE("  region %zu: %zu bytes at %p\n", regions_.size(), r.bytes,
+               static_cast<void*>(r.data));
     regions_.push_back(std::move(r));
     return reinterpret_cast<T*>(regions_.back().data);
   }
