@@ -45,6 +45,7 @@ inline bool tracing() {
 #define FUZZ_EXPECT_STATUS(got, want)                                                       \
   do {                                                                                      \
     const VelStatus got_ = (got), want_ = (want);                                           \
+    FUZZ_TRACE("  -> status %d\n", static_cast<int>(got_));                                \
     if (got_ != want_) {                                                                    \
       std::fprintf(stderr, "status %d, expected %d\n", static_cast<int>(got_),              \
                    static_cast<int>(want_));                                                \

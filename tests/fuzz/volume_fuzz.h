@@ -41,15 +41,17 @@ int lineStep(Input& in, int w, bool& negative) {
   return negative ? -step : step;
 }
 
-// A volume of w x h x d voxels filled from the input.
+// A volume of w x h x d voxels filled from the input, with a line step
+// drawn from the input or, when `step` is non-zero, that one (which must
+// hold w elements).
 template <class T>
-Volume<T> makeVolume(Arena& arena, Input& in, int w, int h, int d, bool planar) {
+Volume<T> makeVolume(Arena& arena, Input& in, int w, int h, int d, bool planar, int step = 0) {
   Volume<T> v;
   v.w = w;
   v.h = h;
   v.d = d;
-  bool flipped = false;
-  v.step = lineStep<T>(in, w, flipped);
+  bool flipped = step < 0;
+  v.step = step != 0 ? step : lineStep<T>(in, w, flipped);
   const long lineElems = std::abs(Volume<T>::elems(v.step));
   const long planeElems = (h - 1) * lineElems + w;
   const long firstLine = flipped ? (h - 1) * lineElems : 0;  // where line 0 sits
