@@ -18,6 +18,8 @@ namespace {
 std::vector<Job> allJobs() {
   std::vector<Job> jobs;
   addShadeJobs(jobs);
+  addShJobs(jobs);
+  addVolumeJobs(jobs);
   return jobs;
 }
 
@@ -60,7 +62,11 @@ std::vector<std::string> runConcurrently(const std::vector<Job>& jobs,
 std::vector<std::vector<uint8_t>> serialResults(const std::vector<Job>& jobs) {
   velSetNumThreads(1);
   std::vector<std::vector<uint8_t>> out;
-  for (const Job& j : jobs) out.push_back(j.run().data());
+  for (const Job& j : jobs) {
+    const Bytes b = j.run();
+    EXPECT_EQ(b.lastStatus(), 0) << j.name;
+    out.push_back(b.data());
+  }
   return out;
 }
 

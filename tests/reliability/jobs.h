@@ -22,11 +22,17 @@ class Bytes {
   void add(const std::vector<T>& v) {
     add(v.data(), v.size());
   }
-  void status(int s) { add(&s, 1); }
+  void status(int s) {
+    add(&s, 1);
+    if (s != 0) lastStatus_ = s;
+  }
   const std::vector<uint8_t>& data() const { return data_; }
+  // A job is meant to do real work: the last non-zero status it saw, if any.
+  int lastStatus() const { return lastStatus_; }
 
  private:
   std::vector<uint8_t> data_;
+  int lastStatus_ = 0;
 };
 
 struct Job {
@@ -38,5 +44,7 @@ struct Job {
 // Each family appends its jobs; the shared inputs live in the family's
 // translation unit and are built on first use, before any thread starts.
 void addShadeJobs(std::vector<Job>& jobs);
+void addShJobs(std::vector<Job>& jobs);
+void addVolumeJobs(std::vector<Job>& jobs);
 
 }  // namespace velr::reliability
