@@ -22,8 +22,19 @@ struct ShadeScene {
   std::vector<int> tri;
   std::vector<float> dist, u, v, light{3.0f, 4.0f, 1.5f}, colour{0.9f, 0.7f, 0.4f};
 
+  std::vector<VelrTriangleAccel> records;
+  std::vector<float> box = std::vector<float>(6);
+  VelrKDTreeNode* tree = nullptr;
+
   ShadeScene() {
     const int nTri = mesh.triangleCount();
+    records.resize(static_cast<size_t>(nTri));
+    velrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.indices.data(), nTri);
+    velrSetBoundBox_32f(mesh.vertices.data(), mesh.vertexCount(), box.data());
+    int length = 0;
+    const VelrKDTreeBuildOptions opt{VELR_KDTREE_FULL, 40, 0.8f, 64, 0};
+    velrKDTreeBuildAlloc(&tree, mesh.vertices.data(), mesh.indices.data(), mesh.vertexCount(),
+                         nTri, &length, &opt);
     triNormals.resize(3 * static_cast<size_t>(nTri));
     velrTriangleNormal_32f(mesh.vertices.data(), mesh.indices.data(), triNormals.data(), nTri);
     // Vertex normals: on a sphere about the origin, the position will do.
@@ -139,6 +150,63 @@ Bytes meshSlice(int first, int count) {
   return out;
 }
 
+// A KD-tree built while other threads trace through the shared one; the
+// full builder searches the axes of large nodes with a team of its own
+// unless `flags` asks for the calling thread only.
+Bytes buildJob(int flags, float quality) {
+  const ShadeScene& s = scene();
+  VelrKDTreeNode* tree = nullptr;
+  int length = 0;
+  const VelrKDTreeBuildOptions opt{VELR_KDTREE_FULL, 40, quality, 64, flags};
+  Bytes out;
+  out.status(velrKDTreeBuildAlloc(&tree, s.mesh.vertices.data(), s.mesh.indices.data(),
+                                  s.mesh.vertexCount(), s.mesh.triangleCount(), &length, &opt));
+  out.add(reinterpret_cast<const Vel8u*>(tree), static_cast<size_t>(length));
+  out.status(velrKDTreeFree(tree));
+  return out;
+}
+
+// One 16 x 16 block through the four intersection queries on the shared tree.
+Bytes traceBlock(int bx, int by, int width, int height) {
+  const ShadeScene& s = scene();
+  const int n = width * height;
+  Bytes out;
+  P3 dir(n);
+  out.status(velrCastEye_32f(s.cam.origin, s.cam.dW, s.cam.dH, width, height, bx, by, dir.out(),
+                             width, height));
+  const VelrIntersectObject obj{s.box.data(), s.records.data(), s.tree};
+  std::vector<float> dist(n, 1e30f), u(n), v(n);
+  std::vector<int> tri(n);
+  float* hit[2] = {u.data(), v.data()};
+  out.status(velrIntersectEyeSO_32f(s.cam.eye, dir.in(), dist.data(), hit, tri.data(), &obj,
+                                    width, height));
+  // Secondary rays from the hit points, a little off the surface.
+  P3 point(n), refl(n), normal(n);
+  out.status(velrHitPoint3DEpsS0_32f_M(s.cam.eye, dir.in(), dist.data(), tri.data(), point.out(),
+                                       n, 0.999f));
+  out.status(velrSurfFlatNormal_32f(s.triNormals.data(), tri.data(), normal.out(), n));
+  out.status(velrCastReflectionRay_32f(dir.in(), tri.data(), normal.in(), refl.out(), n));
+  std::vector<float> dist2(n, 1e30f), u2(n), v2(n);
+  std::vector<int> tri2(n);
+  float* hit2[2] = {u2.data(), v2.data()};
+  out.status(velrIntersectMO_32f(point.in(), refl.in(), dist2.data(), hit2, tri2.data(), &obj,
+                                 width, height));
+  // Occlusion of the segments from the eye to the image plane and beyond
+  // (the eye directions are a few units long).
+  std::vector<int> occluder(n), mask = tri;
+  out.status(velrIntersectAnySO_32f(s.cam.eye, dir.in(), occluder.data(), mask.data(), width,
+                                    height, &obj));
+  constexpr int kLayers = 3;
+  std::vector<float> ldist(kLayers * n, 1e30f), lu(kLayers * n), lv(kLayers * n);
+  std::vector<int> ltri(kLayers * n);
+  float* lhit[2] = {lu.data(), lv.data()};
+  out.status(velrIntersectMultipleSO_32f(s.cam.eye, dir.in(), ldist.data(), lhit, ltri.data(),
+                                         width, height, kLayers, &obj));
+  for (const auto* p : {&dist, &u, &v, &dist2, &u2, &v2, &ldist, &lu, &lv}) out.add(*p);
+  for (const auto* p : {&tri, &tri2, &occluder, &mask, &ltri}) out.add(*p);
+  return out;
+}
+
 }  // namespace
 
 void addShadeJobs(std::vector<Job>& jobs) {
@@ -149,6 +217,12 @@ void addShadeJobs(std::vector<Job>& jobs) {
     jobs.push_back({"shade block " + std::to_string(b), [=] { return shadeBlock(bx, by, len); }});
   }
   const int nTri = scene().mesh.triangleCount();
+  for (int b = 0; b < 6; ++b) {
+    const int w = b % 3 == 2 ? 13 : 16, h = b % 2 == 0 ? 16 : 11;  // packets and single rays
+    jobs.push_back({"trace block " + std::to_string(b), [=] { return traceBlock(b, 5 - b, w, h); }});
+  }
+  jobs.push_back({"kd-tree build, team per large node", [] { return buildJob(0, 0.8f); }, true});
+  jobs.push_back({"kd-tree build, calling thread", [] { return buildJob(1, 0.3f); }, true});
   jobs.push_back({"triangle normals, all", [=] { return meshSlice(0, nTri); }, true});
   jobs.push_back({"triangle normals, slice", [=] { return meshSlice(nTri / 3, nTri / 2 + 1); },
                   true});
