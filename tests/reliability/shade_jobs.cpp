@@ -191,10 +191,13 @@ Bytes traceBlock(int bx, int by, int width, int height) {
   float* hit2[2] = {u2.data(), v2.data()};
   out.status(velrIntersectMO_32f(point.in(), refl.in(), dist2.data(), hit2, tri2.data(), &obj,
                                  width, height));
-  // Occlusion of the segments from the eye to the image plane and beyond
-  // (the eye directions are a few units long).
+  // Occlusion of segments from the eye, long enough (three direction
+  // lengths) to reach the mesh for some rays and not for others.
+  P3 segment(n);
+  for (int c = 0; c < 3; ++c)
+    for (int i = 0; i < n; ++i) segment.c[c][i] = dir.c[c][i] * (i % 2 == 0 ? 3.0f : 2.0f);
   std::vector<int> occluder(n), mask = tri;
-  out.status(velrIntersectAnySO_32f(s.cam.eye, dir.in(), occluder.data(), mask.data(), width,
+  out.status(velrIntersectAnySO_32f(s.cam.eye, segment.in(), occluder.data(), mask.data(), width,
                                     height, &obj));
   constexpr int kLayers = 3;
   std::vector<float> ldist(kLayers * n, 1e30f), lu(kLayers * n), lv(kLayers * n);
