@@ -146,9 +146,10 @@ VELR_API VelStatus velrIntersectEyeSO_32f(const Vel32f* pOrigin, const Vel32f* c
                                           Vel32f* pDist, Vel32f* pHit[2], Vel32s* pTrngl,
                                           const VelrIntersectObject* pObj, int width, int height);
 
-/* Nearest hit with one origin per ray (three planes), for secondary rays:
- * the triangle in pTrngl on entry is skipped, so a ray does not hit the
- * surface it leaves. Checks no argument. */
+/* Nearest hit with one origin per ray (three planes), for secondary rays
+ * that start on a surface: parallel slabs need the origin strictly inside
+ * the box, triangles nearly parallel to the ray are passed over, and a new
+ * hit must be nearer by more than 0.00001. Checks no argument. */
 VELR_API VelStatus velrIntersectMO_32f(const Vel32f* const pOrigin[3],
                                        const Vel32f* const pDirection[3], Vel32f* pDist,
                                        Vel32f* pHit[2], Vel32s* pTrngl,
