@@ -133,4 +133,158 @@ TEST(LargeVolumes, ContiguousDestinationBeyondTwoGiBResizes) {
   EXPECT_EQ(wrong, 0) << "threads " << threads();
 }
 
+// Plane-pointer volumes of 4096 x 4096 x 130 voxels (2.18e9 > 2^31): every
+// voxel counted across planes passes the 32-bit limit.
+constexpr int kW = 4096, kH = 4096, kD = 130;
+constexpr size_t kPlane = static_cast<size_t>(kW) * kH;
+
+struct PlaneVolume {
+  std::vector<Block<Vel8u>> storage;
+  std::vector<Vel8u*> planes;
+  explicit PlaneVolume(int depth, size_t planeBytes) {
+    for (int z = 0; z < depth; ++z) {
+      storage.push_back(allocate<Vel8u>(planeBytes));
+      planes.push_back(storage.back().get());
+    }
+  }
+  bool ok() const {
+    for (const auto& b : storage)
+      if (b == nullptr) return false;
+    return true;
+  }
+};
+
+void fillHashed(PlaneVolume& v, int w, int h) {
+#pragma omp parallel for
+  for (int z = 0; z < static_cast<int>(v.planes.size()); ++z)
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) v.planes[z][static_cast<size_t>(y) * w + x] = value8(x, y, z);
+}
+
+// Remap: x mirrored, y kept, and each destination plane reading one of five
+// source planes up to the last. The coordinate planes are shared between
+// destination planes, so the maps stay small.
+TEST(LargeVolumes, PlanarRemapBeyondTwoToTheThirtyOneVoxels) {
+  REQUIRE_LARGE();
+  PlaneVolume src(kD, kPlane), dst(kD, kPlane);
+  ASSERT_TRUE(src.ok() && dst.ok());
+  fillHashed(src, kW, kH);
+  std::vector<float> mx(kPlane), my(kPlane);
+  constexpr int kLevels = 5;
+  const int level[kLevels] = {0, 31, 64, 100, kD - 1};
+  std::vector<std::vector<float>> mz(kLevels, std::vector<float>(kPlane));
+  for (size_t i = 0; i < kPlane; ++i) {
+    mx[i] = static_cast<float>(kW - 1 - static_cast<int>(i % kW));
+    my[i] = static_cast<float>(i / kW);
+    for (int l = 0; l < kLevels; ++l) mz[l][i] = static_cast<float>(level[l]);
+  }
+  std::vector<const float*> px(kD, mx.data()), py(kD, my.data()), pz;
+  for (int z = 0; z < kD; ++z) pz.push_back(mz[z % kLevels].data());
+  std::vector<const Vel8u*> srcPlanes(src.planes.begin(), src.planes.end());
+  ASSERT_EQ(velrRemap_8u_C1PV(srcPlanes.data(), {kW, kH, kD}, kW, {0, 0, 0, kW, kH, kD},
+                              px.data(), py.data(), pz.data(), kW * 4, dst.planes.data(), kW,
+                              {kW, kH, kD}, VELR_INTER_NEAREST),
+            velStsNoErr);
+  long wrong = 0;
+#pragma omp parallel for reduction(+ : wrong)
+  for (int z = 0; z < kD; ++z)
+    for (int y = 0; y < kH; ++y)
+      for (int x = 0; x < kW; ++x)
+        wrong += dst.planes[z][static_cast<size_t>(y) * kW + x] !=
+                 value8(kW - 1 - x, y, level[z % kLevels]);
+  EXPECT_EQ(wrong, 0) << "threads " << threads();
+}
+
+// Affine warp mirroring x and z over the whole volume, nearest neighbour:
+// positions stay whole numbers, so destination (x, y, z) is source
+// (4095 - x, y, 129 - z).
+TEST(LargeVolumes, PlanarWarpBeyondTwoToTheThirtyOneVoxels) {
+  REQUIRE_LARGE();
+  PlaneVolume src(kD, kPlane), dst(kD, kPlane);
+  ASSERT_TRUE(src.ok() && dst.ok());
+  fillHashed(src, kW, kH);
+  const double c[3][4] = {{-1, 0, 0, kW - 1}, {0, 1, 0, 0}, {0, 0, -1, kD - 1}};
+  std::vector<const Vel8u*> srcPlanes(src.planes.begin(), src.planes.end());
+  ASSERT_EQ(velrWarpAffine_8u_C1PV(srcPlanes.data(), {kW, kH, kD}, kW, {0, 0, 0, kW, kH, kD},
+                                   dst.planes.data(), kW, {0, 0, 0, kW, kH, kD}, c,
+                                   VELR_INTER_NEAREST, nullptr),
+            velStsNoErr);
+  long wrong = 0;
+#pragma omp parallel for reduction(+ : wrong)
+  for (int z = 0; z < kD; ++z)
+    for (int y = 0; y < kH; ++y)
+      for (int x = 0; x < kW; ++x)
+        wrong += dst.planes[z][static_cast<size_t>(y) * kW + x] != value8(kW - 1 - x, y, kD - 1 - z);
+  EXPECT_EQ(wrong, 0) << "threads " << threads();
+}
+
+// Planes of more than 2 GiB each (65536 x 32870 voxels): every line from
+// 32768 on lies 2^31 bytes or more past its plane pointer, so the line
+// offset itself needs 64 bits; all lines read or written here are such. Only the lines that are read or written are ever
+// touched; the rest of each plane stays unmapped.
+constexpr int kWideW = 65536, kWideH = 32870, kFirstLine = 32770;
+constexpr size_t kWidePlane = static_cast<size_t>(kWideW) * kWideH;
+
+void fillBottomLines(PlaneVolume& v) {
+  for (size_t z = 0; z < v.planes.size(); ++z)
+    for (int y = kFirstLine; y < kWideH; ++y)
+      for (int x = 0; x < kWideW; ++x)
+        v.planes[z][static_cast<size_t>(y) * kWideW + x] = value8(x, y, static_cast<int>(z));
+}
+
+TEST(LargeVolumes, RemapAndWarpReadAndWriteLinesPastTwoGiBInOnePlane) {
+  REQUIRE_LARGE();
+  PlaneVolume src(2, kWidePlane);
+  ASSERT_TRUE(src.ok());
+  fillBottomLines(src);
+  std::vector<const Vel8u*> srcPlanes(src.planes.begin(), src.planes.end());
+
+  // Remap into a small destination: voxel (x, y, z) reads source
+  // (55904 + x, 32770 + y, 1 - z).
+  constexpr int dw = 4096, dh = 100, dd = 2;
+  std::vector<float> mx(static_cast<size_t>(dw) * dh * dd), my(mx.size()), mz(mx.size());
+  for (int z = 0; z < dd; ++z)
+    for (int y = 0; y < dh; ++y)
+      for (int x = 0; x < dw; ++x) {
+        const size_t i = (static_cast<size_t>(z) * dh + y) * dw + x;
+        mx[i] = static_cast<float>(60000 - 4096 + x);
+        my[i] = static_cast<float>(kFirstLine + y);
+        mz[i] = static_cast<float>(1 - z);
+      }
+  const float* px[dd] = {mx.data(), mx.data() + dw * dh};
+  const float* py[dd] = {my.data(), my.data() + dw * dh};
+  const float* pz[dd] = {mz.data(), mz.data() + dw * dh};
+  std::vector<Vel8u> small(static_cast<size_t>(dw) * dh * dd);
+  Vel8u* smallPlanes[dd] = {small.data(), small.data() + dw * dh};
+  ASSERT_EQ(velrRemap_8u_C1PV(srcPlanes.data(), {kWideW, kWideH, 2}, kWideW,
+                              {0, 0, 0, kWideW, kWideH, 2}, px, py, pz, dw * 4, smallPlanes, dw,
+                              {dw, dh, dd}, VELR_INTER_NEAREST),
+            velStsNoErr);
+  long wrong = 0;
+  for (int z = 0; z < dd; ++z)
+    for (int y = 0; y < dh; ++y)
+      for (int x = 0; x < dw; ++x)
+        wrong += small[(static_cast<size_t>(z) * dh + y) * dw + x] !=
+                 value8(60000 - 4096 + x, kFirstLine + y, 1 - z);
+  EXPECT_EQ(wrong, 0) << "remap";
+
+  // Warp into planes as large as the source's: the destination region lies
+  // at the bottom right, shifted by (-100, -50) and swapped in z from the
+  // source, so both sides are addressed past 2 GiB.
+  PlaneVolume dst(2, kWidePlane);
+  ASSERT_TRUE(dst.ok());
+  const VelrCuboid dstRoi{kWideW - 5000, kFirstLine + 50, 0, 4900, kWideH - kFirstLine - 50, 2};
+  const double c[3][4] = {{1, 0, 0, 100}, {0, 1, 0, 50}, {0, 0, -1, 1}};
+  ASSERT_EQ(velrWarpAffine_8u_C1PV(srcPlanes.data(), {kWideW, kWideH, 2}, kWideW,
+                                   {0, 0, 0, kWideW, kWideH, 2}, dst.planes.data(), kWideW,
+                                   dstRoi, c, VELR_INTER_NEAREST, nullptr),
+            velStsNoErr);
+  wrong = 0;
+  for (int z = 0; z < 2; ++z)
+    for (int y = dstRoi.y; y < dstRoi.y + dstRoi.height; ++y)
+      for (int x = dstRoi.x; x < dstRoi.x + dstRoi.width; ++x)
+        wrong += dst.planes[z][static_cast<size_t>(y) * kWideW + x] != value8(x - 100, y - 50, 1 - z);
+  EXPECT_EQ(wrong, 0) << "warp";
+}
+
 }  // namespace
