@@ -146,7 +146,8 @@ VelStatus velrResizeGetBufSize(VelrCuboid srcRoi, VelrCuboid dstRoi, int nChanne
   if (!velr::vol::isInterpolationCode(interpolation)) return velStsInterpolationErr;
   const int64_t perThread =
       velr::vol::resizeWorkBytes(dstRoi.width, dstRoi.height, dstRoi.depth, interpolation) + 64;
-  *pSize = static_cast<int>(perThread * ownGetNumThreads());
+  *pSize = static_cast<int>(static_cast<uint64_t>(perThread) *
+                           static_cast<uint64_t>(ownGetNumThreads()));
   return velStsNoErr;
 }
 

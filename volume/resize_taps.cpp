@@ -44,16 +44,23 @@ class Carver {
 }  // namespace
 
 int64_t resizeWorkBytes(int W, int H, int D, int code) {
-  const int64_t w = W, h = H, d = D;
-  const int64_t tables = 4 * (a16(w) + a16(h) + a16(d));
-  if (code == VELR_INTER_NEAREST) return tables;
-  const int64_t t = tables + 4 * (a64(w) + a64(h) + a64(d));
+  // Unsigned: extents near INT_MAX on two axes overflow even 64 bits, and the
+  // size query reports the formula's value modulo 2^32 anyway, which
+  // wrapping arithmetic keeps exact; real buffers are far below the limit.
+  const uint64_t w = static_cast<uint64_t>(W), h = static_cast<uint64_t>(H),
+                 d = static_cast<uint64_t>(D);
+  auto u16 = [](uint64_t n) { return (n + 15) & ~uint64_t{15}; };
+  auto u64 = [](uint64_t n) { return (n + 63) & ~uint64_t{63}; };
+  const uint64_t tables = 4 * (u16(w) + u16(h) + u16(d));
+  if (code == VELR_INTER_NEAREST) return static_cast<int64_t>(tables);
+  const uint64_t t = tables + 4 * (u64(w) + u64(h) + u64(d));
   if (code == VELR_INTER_LINEAR)
-    return t + 8 * h * a64(w) + 4 * (a64(2 * w + 64) + a64(8 * (w + h) + 64));
+    return static_cast<int64_t>(t + 8 * h * u64(w) + 4 * (u64(2 * w + 64) + u64(8 * (w + h) + 64)));
   // The 4W term appears twice on purpose: the size is part of the contract.
-  return t + 16 * h * a64(w) +
-         4 * (a64(128 * (w + h) + 192) + a64(4 * w + 192) + a64(4 * w + 192) + a64(4 * h + 192) +
-              a64(4 * d + 192));
+  return static_cast<int64_t>(
+      t + 16 * h * u64(w) +
+      4 * (u64(128 * (w + h) + 192) + u64(4 * w + 192) + u64(4 * w + 192) + u64(4 * h + 192) +
+           u64(4 * d + 192)));
 }
 
 void buildAxisTaps(const ResizeAxis& axis, int code, int extent, bool fixedPoint, int elemSize,

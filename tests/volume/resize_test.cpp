@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -318,6 +319,25 @@ TEST(ResizeBufSize, ChecksAndFormula) {
   velSetNumThreads(3);
   EXPECT_EQ(velrResizeGetBufSize({5, 5, 5, 1, 1, 1}, {0, 0, 0, 1, 1, 1}, 1, 1, &size), velStsNoErr);
   EXPECT_EQ(size, (4 * 48 + 64) * 3);
+  velSetNumThreads(0);
+}
+
+// Extents near INT_MAX overflow any fixed width; the query must still answer
+// without undefined arithmetic, with the formula's value modulo 2^32.
+TEST(ResizeBufSize, HugeExtentsWrapLikeThirtyTwoBitArithmetic) {
+  auto a16 = [](uint32_t n) { return (n + 15u) & ~15u; };
+  auto a64 = [](uint32_t n) { return (n + 63u) & ~63u; };
+  const uint32_t W = INT_MAX, H = INT_MAX - 1, D = 7;
+  const uint32_t t = 4u * (a16(W) + a16(H) + a16(D) + a64(W) + a64(H) + a64(D));
+  const uint32_t cubic = t + 16u * H * a64(W) +
+                         4u * (a64(128u * (W + H) + 192u) + 2u * a64(4u * W + 192u) +
+                               a64(4u * H + 192u) + a64(4u * D + 192u));
+  velSetNumThreads(5);
+  int size = 0;
+  const VelrCuboid src = {0, 0, 0, 1, 1, 1};
+  EXPECT_EQ(velrResizeGetBufSize(src, {0, 0, 0, INT_MAX, INT_MAX - 1, 7}, 1, 6, &size),
+            velStsNoErr);
+  EXPECT_EQ(static_cast<uint32_t>(size), (cubic + 64u) * 5u);
   velSetNumThreads(0);
 }
 
