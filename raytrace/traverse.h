@@ -235,12 +235,13 @@ struct Nearest {
     if (r.axes == 0) return false;
     if (kFromSurface && n == triangle) return false;
     const TriangleTerms t = triangleTerms(r, *ray);
-    // One branch for the whole test: most triangles fail it, in no pattern.
+    // Most triangles of a leaf lie beside the ray: the sign tests reject them
+    // before the division.
+    if (!inside(t)) return false;
+    if (kFromSurface && std::fabs(t.den) < kFlatDenominator) return false;
     const float dt = t.num / t.den;
     const float bound = kFromSurface ? dist - kSurfaceGap : dist;
-    bool take = inside(t) & (bound > dt) & (dt > 0.0f);
-    if (kFromSurface) take &= !(std::fabs(t.den) < kFlatDenominator);
-    if (take) {
+    if ((bound > dt) & (dt > 0.0f)) {
       dist = dt;
       w1 = t.b1 / t.den;
       w2 = t.b2 / t.den;
@@ -267,8 +268,9 @@ struct AnyHit {
     const VelrTriangleAccel& r = records[n];
     if (r.axes == 0) return false;
     const TriangleTerms t = triangleTerms(r, *ray);
+    if (!inside(t)) return false;
     const float dt = t.num / t.den;
-    if (!(inside(t) & (kSegmentEnd > dt) & (dt > 0.0f))) return false;
+    if (!((kSegmentEnd > dt) & (dt > 0.0f))) return false;
     blocker = n;
     end = 0.0f;
     return true;
@@ -298,8 +300,9 @@ struct LayerHit {
     const VelrTriangleAccel& r = records[n];
     if (r.axes == 0 || n == previous) return false;
     const TriangleTerms t = triangleTerms(r, *ray);
+    if (!inside(t)) return false;
     const float dt = t.num / t.den;
-    if (!(inside(t) & (dist > dt) & (dt > 0.0f))) return false;
+    if (!((dist > dt) & (dt > 0.0f))) return false;
     for (int i = 0; i < ringUsed; ++i)
       if (ring[i] == n) return false;
     dist = dt;

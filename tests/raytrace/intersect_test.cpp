@@ -423,6 +423,112 @@ TEST(IntersectLayers, ParallelLayersFromOneOrigin) {
   }
 }
 
+TEST(IntersectLayers, SurfacesJustLeftAreNotHitAgain) {
+  // Two copies of one tilted triangle. A ray that hits them starts its next
+  // pass on their plane, where rounding can put them a hair in front of it
+  // again: the previous layer's triangle and those in the ring must not be
+  // taken then, so the ray gets the copy once each and nothing more.
+  TestMesh m;
+  const float a[3] = {0, 0, 0}, b[3] = {1, 0, 0.3f}, c[3] = {0, 1, 0.7f};
+  m.addTriangle(a, b, c);
+  m.addTriangle(a, b, c);
+  const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
+  const std::vector<Vel32u> block = {0xFFFFFFF0u, 2, 0, 0, 0, 1};
+  const float box[6] = {-1, -1, -1, 2, 2, 2};
+  const VelrIntersectObject obj{box, recs.data(), reinterpret_cast<const VelrKDTreeNode*>(block.data())};
+  const float origin[3] = {0.2f, 0.1f, 1.5f};
+
+  // Rays for which the copies come out in front of each new origin (found
+  // with the plain reference, so the search does not lean on the code under
+  // test); with no exclusion each would be hit again and again.
+  constexpr int kSide = 4, kLayers = 4;
+  Block in(kSide, kSide, 0, kLayers);
+  velr::workloads::SplitMix64 rng(5);
+  int found = 0;
+  for (int tries = 0; found < in.size() && tries < 200000; ++tries) {
+    float d[3], o[3] = {origin[0], origin[1], origin[2]};
+    const double u = rng.uniform(0.05, 0.45), v = rng.uniform(0.05, 0.45);
+    for (int k = 0; k < 3; ++k)
+      d[k] = static_cast<float>(a[k] + u * (b[k] - a[k]) + v * (c[k] - a[k])) - origin[k];
+    const Terms first = terms(recs[0], o, d);
+    if (!first.inside || !(first.t > 0)) continue;
+    bool again = true;
+    float t = first.t;
+    for (int pass = 0; pass < 2 && again; ++pass) {
+      for (int k = 0; k < 3; ++k) o[k] = o[k] + t * d[k];
+      const Terms next = terms(recs[pass], o, d);
+      again = next.inside && next.t > 0;
+      t = next.t;
+    }
+    if (!again) continue;
+    for (int k = 0; k < 3; ++k) in.d(k)[found] = d[k];
+    ++found;
+  }
+  ASSERT_EQ(found, in.size());
+  for (int i = 0; i < in.size() * kLayers; ++i) in.dist()[i] = 1e30f;
+
+  for (int path = 0; path < 2; ++path) {
+    Block out(kSide, kSide, path, kLayers);
+    out.copyFrom(in);
+    ASSERT_EQ(out.layers(origin, obj, kLayers), velStsNoErr);
+    for (int i = 0; i < in.size(); ++i) {
+      EXPECT_EQ(out.tri()[i], 0) << i;  // the first copy keeps the tie
+      EXPECT_EQ(out.tri()[i + in.size()], 1) << i;
+      EXPECT_EQ(out.tri()[i + 2 * in.size()], -1) << i;
+      EXPECT_EQ(out.tri()[i + 3 * in.size()], -1) << i;
+    }
+  }
+}
+
+TEST(IntersectLayers, TheNinthPassStillSkipsThePreviousLayer) {
+  // Ten parallel tilted planes, one triangle each, crossed in turn. The ring
+  // of earlier layers is searched only up to slot (p mod 8) - 1, so on the
+  // ninth pass it holds nothing and only the previous-triangle rule keeps a
+  // ray from taking the plane it stands on once more.
+  TestMesh m;
+  constexpr int kPlanes = 10;
+  for (int k = 0; k < kPlanes; ++k) {
+    const float z = -0.25f * k;
+    const float a[3] = {-5, -5, z - 5.0f}, b[3] = {10, -5, z - 0.5f}, c[3] = {-5, 10, z + 5.5f};
+    m.addTriangle(a, b, c);  // z = 0.3 x + 0.7 y - 0.25 k
+  }
+  const std::vector<VelrTriangleAccel> recs = velr::test::records(m);
+  const std::vector<float> box = velr::test::boxOf(m);
+  const velr::test::Tree tree = velr::test::buildTree(m, velr::test::kOneLeaf);
+  const VelrIntersectObject obj{box.data(), recs.data(), tree.root()};
+  const float origin[3] = {0.1f, 0.2f, 4.0f};
+
+  // Rays whose ninth origin, reached as the query reaches it, lies a hair
+  // behind the eighth plane.
+  constexpr int kSide = 4;
+  Block in(kSide, kSide, 0, kPlanes);
+  velr::workloads::SplitMix64 rng(9);
+  int found = 0;
+  for (int tries = 0; found < in.size() && tries < 100000; ++tries) {
+    float d[3] = {static_cast<float>(rng.uniform(-0.3, 0.3)),
+                  static_cast<float>(rng.uniform(-0.3, 0.3)), -1.0f};
+    float o[3] = {origin[0], origin[1], origin[2]};
+    for (int p = 0; p < 8; ++p) {
+      const float t = terms(recs[p], o, d).t;
+      for (int k = 0; k < 3; ++k) o[k] = o[k] + t * d[k];
+    }
+    const Terms again = terms(recs[7], o, d);
+    if (!again.inside || !(again.t > 0)) continue;
+    for (int k = 0; k < 3; ++k) in.d(k)[found] = d[k];
+    ++found;
+  }
+  ASSERT_EQ(found, in.size());
+  for (int i = 0; i < in.size() * kPlanes; ++i) in.dist()[i] = 1e30f;
+
+  for (int path = 0; path < 2; ++path) {
+    Block out(kSide, kSide, path, kPlanes);
+    out.copyFrom(in);
+    ASSERT_EQ(out.layers(origin, obj, kPlanes), velStsNoErr);
+    for (int i = 0; i < in.size(); ++i)
+      for (int l = 0; l < kPlanes; ++l) EXPECT_EQ(out.tri()[i + l * in.size()], l) << i;
+  }
+}
+
 // ------------------------------------------------------------ agreement
 
 // Rays in all directions from origins spread over [-reach, reach]^3, with
