@@ -4,12 +4,16 @@
 // block for its statistics.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -335,5 +339,89 @@ class SecondaryRays {
   PlaneSet planes_;
   PlaneSet layers_;
 };
+
+// ------------------------------------------------ the library's benchmarks
+// Shared by bench_intersect and the peer comparison, so both time the same
+// calls on the same rays.
+
+// The benchmark tree of a standard mesh, built once per process.
+inline Scene& sceneNamed(const std::string& name) {
+  static std::map<std::string, std::unique_ptr<Scene>> scenes;
+  auto& s = scenes[name];
+  if (!s) {
+    s = std::make_unique<Scene>(name);
+    s->build(benchTreeOptions());
+  }
+  return *s;
+}
+
+// The eye rays, aligned (packet path) or one float off (one-ray path).
+inline EyeRays& eyeRays(bool misaligned) {
+  static EyeRays aligned(false), shifted(true);
+  return misaligned ? shifted : aligned;
+}
+
+// The secondary rays of a mesh, made once per alignment.
+inline SecondaryRays& secondaryRays(const std::string& name, bool packets) {
+  static std::map<std::string, std::unique_ptr<SecondaryRays>> made;
+  auto& s = made[name + (packets ? "/p" : "/1")];
+  if (!s) {
+    EyeRays eye(false);
+    s = std::make_unique<SecondaryRays>(sceneNamed(name), !packets, eye);
+  }
+  return *s;
+}
+
+// The tree's shape beside a build's time.
+inline void treeCounters(benchmark::State& state, const Scene& scene) {
+  const TreeCounts c = countTree(scene.tree);
+  state.counters["MB"] = scene.treeLength / 1048576.0;
+  state.counters["nodes"] = static_cast<double>(c.nodes);
+  state.counters["leaves"] = static_cast<double>(c.leaves);
+  state.counters["empty"] = static_cast<double>(c.emptyLeaves);
+  state.counters["tris/leaf"] = c.references / static_cast<double>(c.leaves - c.emptyLeaves);
+  state.counters["depth"] = c.depth;
+}
+
+inline void rayCounters(benchmark::State& state, long hits, double sumT) {
+  state.counters["rays/s"] = benchmark::Counter(eyeRays(false).blocks() * 256.0,
+                                                benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["hits"] = static_cast<double>(hits);
+  state.counters["sum_t"] = sumT;
+}
+
+inline void velrEye(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  long hits = 0;
+  double sumT = 0;
+  for (auto _ : state) eyeRays(!packets).traceVelr(obj, &hits, &sumT);
+  rayCounters(state, hits, sumT);
+}
+
+inline void velrShadow(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  SecondaryRays& rays = secondaryRays(name, packets);
+  long blocked = 0;
+  for (auto _ : state) blocked = rays.traceShadows(obj);
+  state.counters["blocked"] = static_cast<double>(blocked);
+}
+
+inline void velrReflection(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  SecondaryRays& rays = secondaryRays(name, packets);
+  long hits = 0;
+  double sumT = 0;
+  for (auto _ : state) rays.traceReflections(obj, &hits, &sumT);
+  state.counters["hits"] = static_cast<double>(hits);
+  state.counters["sum_t"] = sumT;
+}
+
+inline void velrLayers(benchmark::State& state, std::string name, bool packets) {
+  const VelrIntersectObject obj = sceneNamed(name).object();
+  SecondaryRays& rays = secondaryRays(name, packets);
+  long hits = 0;
+  for (auto _ : state) hits = rays.traceLayers(obj);
+  state.counters["hits"] = static_cast<double>(hits);
+}
 
 }  // namespace velr::bench

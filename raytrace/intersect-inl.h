@@ -127,8 +127,8 @@ HWY_INLINE void nearestPackets(const Vel32f* const origin[3], const Vel32f* cons
     M negative[3];
     const M live = kFromSurface ? clipMultipliedPacket(d, obj->pBound, dist0, &rays, negative)
                                 : clipDividedPacket(d, obj->pBound, dist0, &rays, negative);
-    PacketNearest<PacketTag, kFromSurface> q{d, obj->pAccel, &rays, dist0, hn::Zero(d),
-                                             hn::Zero(d), hn::Set(di, -1)};
+    PacketNearest<PacketTag, kFromSurface> q{
+        {d, obj->pAccel, &rays, dist0, hn::Zero(d), hn::Zero(d), hn::Set(di, -1)}};
     walkGroups(&rays, negative, live, obj->pRootNode, kSplitMargin, q);
     tiles.store(q.triangle, triangle, at);
     const M taken = hn::RebindMask(d, hn::Gt(q.triangle, hn::Set(di, -1)));
@@ -207,8 +207,11 @@ inline void IntersectLayerPackets(const Vel32f* origin, const Vel32f* const dir[
     for (int p = 0; p < maxHits && !hn::AllFalse(d, live); ++p) {
       const std::ptrdiff_t layer = at + p * out->layerStep;
       const V limit = p == 0 ? tiles.load(out->dist, layer) : hn::Set(d, kNoLimit);
-      PacketLayer<PacketTag> q{d,     obj->pAccel,   &rays,    limit, hn::Zero(d), hn::Zero(d),
-                               hn::Set(di, -1), previous, ring, p % kLayerRing};
+      PacketLayer<PacketTag> q{
+          {d, obj->pAccel, &rays, limit, hn::Zero(d), hn::Zero(d), hn::Set(di, -1)},
+          previous,
+          ring,
+          p % kLayerRing};
       walkGroups(&rays, negative, live, obj->pRootNode, kLayerMargin, q);
       live = hn::And(live, hn::RebindMask(d, hn::Gt(q.triangle, hn::Set(di, -1))));
       if (hn::AllFalse(d, live)) break;

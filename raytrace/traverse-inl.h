@@ -204,9 +204,10 @@ HWY_INLINE hn::Mask<D> packetInside(D d, const PacketTerms<D>& t) {
                  hn::Ge(hn::Mul(b0, t.b2), zero));
 }
 
-// Nearest hit for a packet, lane by lane as Nearest<kFromSurface>.
-template <class D, bool kFromSurface = false>
-struct PacketNearest {
+// What the nearest-hit queries keep for a packet, lane by lane as
+// NearestState.
+template <class D>
+struct PacketNearestState {
   using V = hn::Vec<D>;
   using M = hn::Mask<D>;
   using DI = hn::RebindToSigned<D>;
@@ -219,26 +220,40 @@ struct PacketNearest {
   V dist, w1, w2;
   VI triangle;
 
+  HWY_INLINE void take(M lanes, const PacketTerms<D>& t, V dt, Vel32s n) {
+    dist = hn::IfThenElse(lanes, dt, dist);
+    w1 = hn::IfThenElse(lanes, hn::Div(t.b1, t.den), w1);
+    w2 = hn::IfThenElse(lanes, hn::Div(t.b2, t.den), w2);
+    triangle = hn::IfThenElse(hn::RebindMask(DI(), lanes), hn::Set(DI(), n), triangle);
+  }
+  HWY_INLINE V limit() const { return dist; }
+};
+
+// Nearest hit for a packet, lane by lane as Nearest<kFromSurface>.
+template <class D, bool kFromSurface = false>
+struct PacketNearest : PacketNearestState<D> {
+  using Base = PacketNearestState<D>;
+  using typename Base::DI;
+  using typename Base::M;
+  using typename Base::V;
+
   HWY_INLINE void test(Vel32s n, M active) {
-    const VelrTriangleAccel& r = records[n];
+    const D d = this->d;
+    const VelrTriangleAccel& r = this->records[n];
     if (r.axes == 0) return;
     if constexpr (kFromSurface)
-      active = hn::AndNot(hn::RebindMask(d, hn::Eq(triangle, hn::Set(DI(), n))), active);
-    const PacketTerms<D> t = packetTerms(d, r, *rays);
+      active = hn::AndNot(hn::RebindMask(d, hn::Eq(this->triangle, hn::Set(DI(), n))), active);
+    const PacketTerms<D> t = packetTerms(d, r, *this->rays);
     M hit = hn::And(active, packetInside(d, t));
     if constexpr (kFromSurface)
       hit = hn::AndNot(hn::Lt(hn::Abs(t.den), hn::Set(d, kFlatDenominator)), hit);
     if (hn::AllFalse(d, hit)) return;
     const V dt = hn::Div(t.num, t.den);
-    const V bound = kFromSurface ? hn::Sub(dist, hn::Set(d, kSurfaceGap)) : dist;
-    const M take = hn::And(hit, hn::And(hn::Gt(bound, dt), hn::Gt(dt, hn::Zero(d))));
-    if (hn::AllFalse(d, take)) return;
-    dist = hn::IfThenElse(take, dt, dist);
-    w1 = hn::IfThenElse(take, hn::Div(t.b1, t.den), w1);
-    w2 = hn::IfThenElse(take, hn::Div(t.b2, t.den), w2);
-    triangle = hn::IfThenElse(hn::RebindMask(DI(), take), hn::Set(DI(), n), triangle);
+    const V bound = kFromSurface ? hn::Sub(this->dist, hn::Set(d, kSurfaceGap)) : this->dist;
+    const M nearer = hn::And(hit, hn::And(hn::Gt(bound, dt), hn::Gt(dt, hn::Zero(d))));
+    if (hn::AllFalse(d, nearer)) return;
+    this->take(nearer, t, dt, n);
   }
-  HWY_INLINE V limit() const { return dist; }
 };
 
 // Any hit for a packet, lane by lane as AnyHit: a lane ends at its first
@@ -275,40 +290,33 @@ struct PacketAny {
 
 // One pass of the layered query for a packet, lane by lane as LayerHit.
 template <class D>
-struct PacketLayer {
-  using V = hn::Vec<D>;
-  using M = hn::Mask<D>;
-  using DI = hn::RebindToSigned<D>;
-  using VI = hn::Vec<DI>;
-  static constexpr bool kEndsEarly = false;
+struct PacketLayer : PacketNearestState<D> {
+  using Base = PacketNearestState<D>;
+  using typename Base::DI;
+  using typename Base::M;
+  using typename Base::V;
+  using typename Base::VI;
 
-  D d;
-  const VelrTriangleAccel* records;
-  const PacketRays<D>* rays;
-  V dist, w1, w2;
-  VI triangle;
   VI previous;
   const VI* ring;
   int ringUsed;
 
   HWY_INLINE void test(Vel32s n, M active) {
-    const VelrTriangleAccel& r = records[n];
+    const D d = this->d;
+    const VelrTriangleAccel& r = this->records[n];
     if (r.axes == 0) return;
     const VI vn = hn::Set(DI(), n);
     active = hn::AndNot(hn::RebindMask(d, hn::Eq(previous, vn)), active);
-    const PacketTerms<D> t = packetTerms(d, r, *rays);
+    const PacketTerms<D> t = packetTerms(d, r, *this->rays);
     const M hit = hn::And(active, packetInside(d, t));
     if (hn::AllFalse(d, hit)) return;
     const V dt = hn::Div(t.num, t.den);
-    M take = hn::And(hit, hn::And(hn::Gt(dist, dt), hn::Gt(dt, hn::Zero(d))));
-    for (int i = 0; i < ringUsed; ++i) take = hn::AndNot(hn::RebindMask(d, hn::Eq(ring[i], vn)), take);
-    if (hn::AllFalse(d, take)) return;
-    dist = hn::IfThenElse(take, dt, dist);
-    w1 = hn::IfThenElse(take, hn::Div(t.b1, t.den), w1);
-    w2 = hn::IfThenElse(take, hn::Div(t.b2, t.den), w2);
-    triangle = hn::IfThenElse(hn::RebindMask(DI(), take), vn, triangle);
+    M nearer = hn::And(hit, hn::And(hn::Gt(this->dist, dt), hn::Gt(dt, hn::Zero(d))));
+    for (int i = 0; i < ringUsed; ++i)
+      nearer = hn::AndNot(hn::RebindMask(d, hn::Eq(ring[i], vn)), nearer);
+    if (hn::AllFalse(d, nearer)) return;
+    this->take(nearer, t, dt, n);
   }
-  HWY_INLINE V limit() const { return dist; }
 };
 
 // Slab clip with divisions for a packet, lane by lane as clipDivided. Sets

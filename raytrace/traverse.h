@@ -218,44 +218,50 @@ inline void traverse(const VelrKDTreeNode* root, const Ray& ray, const RayPath& 
   }
 }
 
-// Nearest hit: the closest triangle with 0 < t < the ray's distance. A ray
-// that starts on a surface (kFromSurface) passes over the triangle it holds
-// so far, triangles it runs almost parallel to, and hits not nearer than its
-// distance by more than kSurfaceGap.
-template <bool kFromSurface>
-struct Nearest {
+// What the nearest-hit queries keep for a ray: the hit so far and its
+// distance, which limits both the triangle test and the walk. Query is the
+// query itself, whose test(n) decides on one triangle.
+template <class Query>
+struct NearestState {
   const VelrTriangleAccel* records;
   const Ray* ray;
   float dist;
   float w1, w2;
   Vel32s triangle;
 
-  bool test(Vel32s n) {
-    const VelrTriangleAccel& r = records[n];
-    if (r.axes == 0) return false;
-    if (kFromSurface && n == triangle) return false;
-    const TriangleTerms t = triangleTerms(r, *ray);
-    // Most triangles of a leaf lie beside the ray: the sign tests reject them
-    // before the division.
-    if (!inside(t)) return false;
-    if (kFromSurface && std::fabs(t.den) < kFlatDenominator) return false;
-    const float dt = t.num / t.den;
-    const float bound = kFromSurface ? dist - kSurfaceGap : dist;
-    if ((bound > dt) & (dt > 0.0f)) {
-      dist = dt;
-      w1 = t.b1 / t.den;
-      w2 = t.b2 / t.den;
-      triangle = n;
-    }
-    return false;
+  void take(const TriangleTerms& t, float dt, Vel32s n) {
+    dist = dt;
+    w1 = t.b1 / t.den;
+    w2 = t.b2 / t.den;
+    triangle = n;
   }
   bool testLeaf(const Vel32s* list, int count) {
-    for (int i = 0; i < count; ++i) test(list[i]);
+    for (int i = 0; i < count; ++i) static_cast<Query*>(this)->test(list[i]);
     return false;
   }
   float limit() const { return dist; }
 };
-using NearestHit = Nearest<false>;
+
+// Nearest hit: the closest triangle with 0 < t < the ray's distance. A ray
+// that starts on a surface (kFromSurface) passes over the triangle it holds
+// so far, triangles it runs almost parallel to, and hits not nearer than its
+// distance by more than kSurfaceGap.
+template <bool kFromSurface>
+struct Nearest : NearestState<Nearest<kFromSurface>> {
+  void test(Vel32s n) {
+    const VelrTriangleAccel& r = this->records[n];
+    if (r.axes == 0) return;
+    if (kFromSurface && n == this->triangle) return;
+    const TriangleTerms t = triangleTerms(r, *this->ray);
+    // Most triangles of a leaf lie beside the ray: the sign tests reject them
+    // before the division.
+    if (!inside(t)) return;
+    if (kFromSurface && std::fabs(t.den) < kFlatDenominator) return;
+    const float dt = t.num / t.den;
+    const float bound = kFromSurface ? this->dist - kSurfaceGap : this->dist;
+    if ((bound > dt) & (dt > 0.0f)) this->take(t, dt, n);
+  }
+};
 
 // Any hit on the segment (0, 1): the first blocking triangle ends the walk.
 struct AnyHit {
@@ -286,36 +292,22 @@ struct AnyHit {
 // One pass of the layered query: the nearest hit that is neither the
 // previous layer's triangle nor, once found, one of the triangles in the
 // first `ringUsed` slots of the ring of earlier layers.
-struct LayerHit {
-  const VelrTriangleAccel* records;
-  const Ray* ray;
-  float dist;
-  float w1, w2;
-  Vel32s triangle;
+struct LayerHit : NearestState<LayerHit> {
   Vel32s previous;
   const Vel32s* ring;
   int ringUsed;
 
-  bool test(Vel32s n) {
+  void test(Vel32s n) {
     const VelrTriangleAccel& r = records[n];
-    if (r.axes == 0 || n == previous) return false;
+    if (r.axes == 0 || n == previous) return;
     const TriangleTerms t = triangleTerms(r, *ray);
-    if (!inside(t)) return false;
+    if (!inside(t)) return;
     const float dt = t.num / t.den;
-    if (!((dist > dt) & (dt > 0.0f))) return false;
+    if (!((dist > dt) & (dt > 0.0f))) return;
     for (int i = 0; i < ringUsed; ++i)
-      if (ring[i] == n) return false;
-    dist = dt;
-    w1 = t.b1 / t.den;
-    w2 = t.b2 / t.den;
-    triangle = n;
-    return false;
+      if (ring[i] == n) return;
+    take(t, dt, n);
   }
-  bool testLeaf(const Vel32s* list, int count) {
-    for (int i = 0; i < count; ++i) test(list[i]);
-    return false;
-  }
-  float limit() const { return dist; }
 };
 
 // One nearest-hit ray, eye (clipped with divisions) or from a surface
@@ -329,7 +321,7 @@ inline void traceNearestRay(const VelrIntersectObject& obj, const Ray& ray, Vel3
   const bool entered = kFromSurface ? clipMultiplied(obj.pBound, ray, *dist, &path)
                                     : clipDivided(obj.pBound, ray, *dist, &path);
   if (!entered) return;
-  Nearest<kFromSurface> q{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1};
+  Nearest<kFromSurface> q{{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1}};
   traverse(obj.pRootNode, ray, path, kSplitMargin, q);
   if (q.triangle < 0) return;
   *dist = q.dist;
@@ -371,7 +363,7 @@ inline void traceLayers(const VelrIntersectObject& obj, Ray ray, const LayerPlan
   Vel32s previous = -1;
   for (int p = 0; p < maxHits; ++p) {
     const std::int64_t at = i + p * out.layerStep;
-    LayerHit q{obj.pAccel, &ray, out.dist[at], 0.0f, 0.0f, -1, previous, ring, p % kLayerRing};
+    LayerHit q{{obj.pAccel, &ray, out.dist[at], 0.0f, 0.0f, -1}, previous, ring, p % kLayerRing};
     traverse(obj.pRootNode, ray, path, kLayerMargin, q);
     if (q.triangle < 0) return;
     for (int a = 0; a < 3; ++a) ray.o[a] = ray.o[a] + q.dist * ray.d[a];

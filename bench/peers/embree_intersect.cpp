@@ -55,16 +55,6 @@ RTCScene embreeScene(const velr::workloads::Mesh& m, RTCBuildQuality quality, in
   return scene;
 }
 
-Scene& velrScene(const std::string& name) {
-  static std::map<std::string, std::unique_ptr<Scene>> scenes;
-  auto& s = scenes[name];
-  if (!s) {
-    s = std::make_unique<Scene>(name);
-    s->build(velr::bench::benchTreeOptions());
-  }
-  return *s;
-}
-
 // The high-quality one-thread scene traced by all Embree ray benchmarks.
 RTCScene tracedScene(const std::string& name) {
   static std::map<std::string, RTCScene> scenes;
@@ -74,31 +64,15 @@ RTCScene tracedScene(const std::string& name) {
   return s;
 }
 
-EyeRays& rays(bool misaligned) {
-  static EyeRays aligned(false), shifted(true);
-  return misaligned ? shifted : aligned;
-}
-
-void setRate(benchmark::State& state, long hits, double sumT) {
-  state.counters["rays/s"] = benchmark::Counter(rays(false).blocks() * 256.0,
-                                                benchmark::Counter::kIsIterationInvariantRate);
-  state.counters["hits"] = static_cast<double>(hits);
-  state.counters["sum_t"] = sumT;
-}
-
 // ---------------------------------------------------------------- builds
 
 void BM_VelrBuild(benchmark::State& state, std::string name, int flags) {
-  Scene& scene = velrScene(name);
+  Scene& scene = velr::bench::sceneNamed(name);
   VelrKDTreeBuildOptions opt = velr::bench::benchTreeOptions();
   opt.flags = flags;
   for (auto _ : state)
     if (scene.build(opt) != velStsNoErr) state.SkipWithError("build failed");
-  const velr::bench::TreeCounts c = velr::bench::countTree(scene.tree);
-  state.counters["MB"] = scene.treeLength / 1048576.0;
-  state.counters["nodes"] = static_cast<double>(c.nodes);
-  state.counters["leaves"] = static_cast<double>(c.leaves);
-  state.counters["tris/leaf"] = c.references / static_cast<double>(c.leaves - c.emptyLeaves);
+  velr::bench::treeCounters(state, scene);
 }
 
 void BM_EmbreeBuild(benchmark::State& state, std::string name, RTCBuildQuality quality,
@@ -113,17 +87,9 @@ void BM_EmbreeBuild(benchmark::State& state, std::string name, RTCBuildQuality q
 
 // ---------------------------------------------------------------- rays
 
-void BM_VelrEye(benchmark::State& state, std::string name, bool packets) {
-  const VelrIntersectObject obj = velrScene(name).object();
-  long hits = 0;
-  double sumT = 0;
-  for (auto _ : state) rays(!packets).traceVelr(obj, &hits, &sumT);
-  setRate(state, hits, sumT);
-}
-
 void BM_Embree1(benchmark::State& state, std::string name) {
   RTCScene scene = tracedScene(name);
-  EyeRays& r = rays(false);
+  EyeRays& r = velr::bench::eyeRays(false);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   long hits = 0;
@@ -156,7 +122,7 @@ void BM_Embree1(benchmark::State& state, std::string name) {
       }
     }
   }
-  setRate(state, hits, sumT);
+  velr::bench::rayCounters(state, hits, sumT);
 }
 
 // Packets of W x H pixels inside each 16 x 16 block, tiles row-major.
@@ -164,7 +130,7 @@ template <int W, int H, class RayHitN, class Fn>
 void embreePackets(benchmark::State& state, const std::string& name, Fn intersect) {
   constexpr int N = W * H;
   RTCScene scene = tracedScene(name);
-  EyeRays& r = rays(false);
+  EyeRays& r = velr::bench::eyeRays(false);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   ctx.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
@@ -205,7 +171,7 @@ void embreePackets(benchmark::State& state, const std::string& name, Fn intersec
         }
     }
   }
-  setRate(state, hits, sumT);
+  velr::bench::rayCounters(state, hits, sumT);
 }
 
 void BM_Embree4(benchmark::State& state, std::string name) {
@@ -224,46 +190,12 @@ void BM_Embree16(benchmark::State& state, std::string name) {
 
 // ---------------------------------------------------------------- secondary
 
-velr::bench::SecondaryRays& secondary(const std::string& name, bool packets) {
-  static std::map<std::string, std::unique_ptr<velr::bench::SecondaryRays>> made;
-  auto& s = made[name + (packets ? "/p" : "/1")];
-  if (!s) {
-    EyeRays eye(false);
-    s = std::make_unique<velr::bench::SecondaryRays>(velrScene(name), !packets, eye);
-  }
-  return *s;
-}
-
-void BM_VelrShadow(benchmark::State& state, std::string name, bool packets) {
-  const VelrIntersectObject obj = velrScene(name).object();
-  velr::bench::SecondaryRays& r = secondary(name, packets);
-  long blocked = 0;
-  for (auto _ : state) blocked = r.traceShadows(obj);
-  state.counters["blocked"] = static_cast<double>(blocked);
-}
-
-void BM_VelrReflection(benchmark::State& state, std::string name, bool packets) {
-  const VelrIntersectObject obj = velrScene(name).object();
-  velr::bench::SecondaryRays& r = secondary(name, packets);
-  long hits = 0;
-  double sumT = 0;
-  for (auto _ : state) r.traceReflections(obj, &hits, &sumT);
-  state.counters["hits"] = static_cast<double>(hits);
-}
-
-void BM_VelrLayers(benchmark::State& state, std::string name, bool packets) {
-  const VelrIntersectObject obj = velrScene(name).object();
-  velr::bench::SecondaryRays& r = secondary(name, packets);
-  long hits = 0;
-  for (auto _ : state) hits = r.traceLayers(obj);
-  state.counters["hits"] = static_cast<double>(hits);
-}
 
 using SR = velr::bench::SecondaryRays;
 
 void BM_EmbreeOccluded1(benchmark::State& state, std::string name) {
   RTCScene scene = tracedScene(name);
-  SR& r = secondary(name, true);
+  SR& r = velr::bench::secondaryRays(name, true);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   long blocked = 0;
@@ -296,7 +228,7 @@ void BM_EmbreeOccluded1(benchmark::State& state, std::string name) {
 
 void BM_EmbreeOccluded16(benchmark::State& state, std::string name) {
   RTCScene scene = tracedScene(name);
-  SR& r = secondary(name, true);
+  SR& r = velr::bench::secondaryRays(name, true);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   ctx.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
@@ -360,7 +292,7 @@ float embreeNearest(RTCScene scene, RTCIntersectContext* ctx, const float o[3], 
 
 void BM_EmbreeReflection1(benchmark::State& state, std::string name) {
   RTCScene scene = tracedScene(name);
-  SR& r = secondary(name, true);
+  SR& r = velr::bench::secondaryRays(name, true);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   long hits = 0;
@@ -385,7 +317,7 @@ void BM_EmbreeReflection1(benchmark::State& state, std::string name) {
 // Four layers by repeated nearest hits, each starting just beyond the last.
 void BM_EmbreeLayers1(benchmark::State& state, std::string name) {
   RTCScene scene = tracedScene(name);
-  SR& r = secondary(name, true);
+  SR& r = velr::bench::secondaryRays(name, true);
   RTCIntersectContext ctx;
   rtcInitIntersectContext(&ctx);
   long hits = 0;
@@ -517,8 +449,8 @@ void registerAll() {
   }
   for (const char* mesh : velr::bench::kMeshNames) {
     const std::string m = mesh;
-    ms(RegisterBenchmark(("VelrEyePackets/" + m).c_str(), BM_VelrEye, m, true));
-    ms(RegisterBenchmark(("VelrEyeOneRay/" + m).c_str(), BM_VelrEye, m, false));
+    ms(RegisterBenchmark(("VelrEyePackets/" + m).c_str(), velr::bench::velrEye, m, true));
+    ms(RegisterBenchmark(("VelrEyeOneRay/" + m).c_str(), velr::bench::velrEye, m, false));
     ms(RegisterBenchmark(("EmbreeIntersect1/" + m).c_str(), BM_Embree1, m));
     ms(RegisterBenchmark(("EmbreeIntersect4/" + m).c_str(), BM_Embree4, m));
     ms(RegisterBenchmark(("EmbreeIntersect8/" + m).c_str(), BM_Embree8, m));
@@ -528,9 +460,9 @@ void registerAll() {
     const std::string m = mesh;
     for (bool packets : {true, false}) {
       const std::string kind = packets ? "Packets/" : "OneRay/";
-      ms(RegisterBenchmark(("VelrShadow" + kind + m).c_str(), BM_VelrShadow, m, packets));
-      ms(RegisterBenchmark(("VelrReflection" + kind + m).c_str(), BM_VelrReflection, m, packets));
-      ms(RegisterBenchmark(("VelrLayers" + kind + m).c_str(), BM_VelrLayers, m, packets));
+      ms(RegisterBenchmark(("VelrShadow" + kind + m).c_str(), velr::bench::velrShadow, m, packets));
+      ms(RegisterBenchmark(("VelrReflection" + kind + m).c_str(), velr::bench::velrReflection, m, packets));
+      ms(RegisterBenchmark(("VelrLayers" + kind + m).c_str(), velr::bench::velrLayers, m, packets));
     }
     ms(RegisterBenchmark(("EmbreeOccluded1/" + m).c_str(), BM_EmbreeOccluded1, m));
     ms(RegisterBenchmark(("EmbreeOccluded16/" + m).c_str(), BM_EmbreeOccluded16, m));
