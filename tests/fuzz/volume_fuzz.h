@@ -101,4 +101,20 @@ inline bool codeAccepted(int code) {
   return code == 1 || code == 2 || (code >= 4 && code <= 7);
 }
 
+// A region or cuboid the volume functions accept: offsets from 0, extents
+// from 1.
+inline bool roiValid(const VelrCuboid& r) {
+  return r.x >= 0 && r.width >= 1 && r.y >= 0 && r.height >= 1 && r.z >= 0 && r.depth >= 1;
+}
+
+// The check order of the buffer-size queries of resize and warp.
+inline VelStatus bufSizeStatus(const int* size, const VelrCuboid& src, const VelrCuboid& dst,
+                               int channels, int code) {
+  if (size == nullptr) return velStsNullPtrErr;
+  if (!roiValid(src) || !roiValid(dst)) return velStsSizeErr;
+  if (channels != 1) return velStsNumChannelsErr;
+  if (!codeAccepted(code)) return velStsInterpolationErr;
+  return velStsNoErr;
+}
+
 }  // namespace fuzz

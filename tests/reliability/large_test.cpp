@@ -52,6 +52,20 @@ float value32(int x, int y, int z) { return static_cast<float>(hash(x, y, z) >> 
 
 int threads() { return ownGetNumThreads(); }
 
+// A contiguous W x H x D volume holding value(x, y, z); null when the memory
+// is not there.
+template <class T, class Value>
+Block<T> filledVolume(int W, int H, int D, Value value) {
+  const size_t plane = static_cast<size_t>(W) * H;
+  Block<T> v = allocate<T>(plane * D);
+  if (v == nullptr) return v;
+#pragma omp parallel for
+  for (int z = 0; z < D; ++z)
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) v[z * plane + static_cast<size_t>(y) * W + x] = value(x, y, z);
+  return v;
+}
+
 // 8-bit contiguous source of 2048 x 1024 x 1040 voxels (2.18 GB): a halving
 // by nearest neighbour reads voxel (2x, 2y, 2z), so the far planes lie past
 // 2^31 bytes from the start.
@@ -59,12 +73,8 @@ TEST(LargeVolumes, ContiguousSourceBeyondTwoGiBResizes) {
   REQUIRE_LARGE();
   constexpr int W = 2048, H = 1024, D = 1040;
   const size_t plane = static_cast<size_t>(W) * H;
-  Block<Vel8u> src = allocate<Vel8u>(plane * D);
+  Block<Vel8u> src = filledVolume<Vel8u>(W, H, D, value8);
   ASSERT_NE(src, nullptr);
-#pragma omp parallel for
-  for (int z = 0; z < D; ++z)
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x) src[z * plane + static_cast<size_t>(y) * W + x] = value8(x, y, z);
 
   const VelrVolume vol{W, H, D};
   const VelrCuboid srcRoi{0, 0, 0, W, H, D};
@@ -97,12 +107,8 @@ TEST(LargeVolumes, ContiguousDestinationBeyondTwoGiBResizes) {
   REQUIRE_LARGE();
   constexpr int W = 1024, H = 1024, D = 260;
   const size_t plane = static_cast<size_t>(W) * H;
-  Block<float> src = allocate<float>(plane * D);
+  Block<float> src = filledVolume<float>(W, H, D, value32);
   ASSERT_NE(src, nullptr);
-#pragma omp parallel for
-  for (int z = 0; z < D; ++z)
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x) src[z * plane + static_cast<size_t>(y) * W + x] = value32(x, y, z);
 
   const VelrVolume vol{W, H, D};
   const VelrCuboid srcRoi{0, 0, 0, W, H, D};
