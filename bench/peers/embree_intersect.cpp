@@ -190,7 +190,6 @@ void BM_Embree16(benchmark::State& state, std::string name) {
 
 // ---------------------------------------------------------------- secondary
 
-
 using SR = velr::bench::SecondaryRays;
 
 void BM_EmbreeOccluded1(benchmark::State& state, std::string name) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/raytrace/kdtree_testing.h"
 #include "velr.h"
 
 namespace {
@@ -19,24 +20,6 @@ VelrTriangleAccel build(std::vector<float> v) {
 bool allZero(const VelrTriangleAccel& r) {
   static const VelrTriangleAccel zero{};
   return std::memcmp(&r, &zero, sizeof r) == 0;
-}
-
-// The intersection the records are built for: weights and distance of a ray
-// against one record, in the kernels' formula.
-struct Hit {
-  float t, b1, b2;
-  bool inside;
-};
-Hit traceRecord(const VelrTriangleAccel& r, const float o[3], const float d[3]) {
-  const int k = (r.axes >> 4) & 3, u = (r.axes >> 2) & 3, v = r.axes & 3;
-  const float den = r.nu * d[u] + r.nv * d[v] + d[k];
-  const float num = r.ck + r.nu * (r.cu - o[u]) + r.nv * (r.cv - o[v]) - o[k];
-  const float hu = d[u] * num - (r.cu - o[u]) * den;
-  const float hv = d[v] * num - (r.cv - o[v]) * den;
-  const float b1 = r.bv * hu - r.bu * hv;
-  const float b2 = r.au * hv - r.av * hu;
-  const float b0 = den - b1 - b2;
-  return {num / den, b1 / den, b2 / den, b0 * b1 >= 0 && b1 * b2 >= 0 && b0 * b2 >= 0};
 }
 
 }  // namespace
@@ -98,11 +81,11 @@ TEST(TriangleAccel, YAxisRecordsCarryTheSignFlip) {
   // Same geometry with the other winding flips the normal, and the sign flip
   // keeps the weights of A and B where they belong.
   const float o[3] = {0.25f, 10.0f, 0.5f}, d[3] = {0.0f, -1.0f, 0.0f};
-  const Hit h = traceRecord(r, o, d);
+  const velr::test::RecordTerms h = velr::test::recordTerms(r, o, d);
   EXPECT_TRUE(h.inside);
   EXPECT_FLOAT_EQ(h.t, 7.0f);
-  EXPECT_FLOAT_EQ(h.b1, 0.25f);  // weight of A: x
-  EXPECT_FLOAT_EQ(h.b2, 0.5f);   // weight of B: z
+  EXPECT_FLOAT_EQ(h.w1, 0.25f);  // weight of A: x
+  EXPECT_FLOAT_EQ(h.w2, 0.5f);   // weight of B: z
 }
 
 TEST(TriangleAccel, RecordsReproduceBarycentricsOnEveryAxis) {
@@ -123,10 +106,10 @@ TEST(TriangleAccel, RecordsReproduceBarycentricsOnEveryAxis) {
     for (int i = 0; i < 3; ++i) o[i] = p[i];
     o[axis] += 4.0f;
     d[axis] = -1.0f;
-    const Hit h = traceRecord(r, o, d);
+    const velr::test::RecordTerms h = velr::test::recordTerms(r, o, d);
     EXPECT_TRUE(h.inside) << axis;
-    EXPECT_NEAR(h.b1, wa, 1e-5) << axis;
-    EXPECT_NEAR(h.b2, wb, 1e-5) << axis;
+    EXPECT_NEAR(h.w1, wa, 1e-5) << axis;
+    EXPECT_NEAR(h.w2, wb, 1e-5) << axis;
     EXPECT_NEAR(h.t, 4.0, 1e-5) << axis;
   }
 }

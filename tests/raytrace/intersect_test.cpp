@@ -12,30 +12,15 @@ namespace {
 
 using velr::test::Block;
 using velr::test::RayResult;
+using velr::test::RecordTerms;
 using velr::test::TestMesh;
+using velr::test::recordTerms;
 
 constexpr float kEps = 1.1920928955078125e-07f;
 constexpr float kMaxFloat = 3.4028234663852886e+38f;
 
 // ------------------------------------------------------------ references
 // The queries written plainly from their description, one ray at a time.
-
-struct Terms {
-  float den, t, w1, w2;
-  bool inside;
-};
-
-Terms terms(const VelrTriangleAccel& r, const float o[3], const float d[3]) {
-  const int k = (r.axes >> 4) & 3, u = (r.axes >> 2) & 3, v = r.axes & 3;
-  const float den = r.nu * d[u] + r.nv * d[v] + d[k];
-  const float num = r.ck + r.nu * (r.cu - o[u]) + r.nv * (r.cv - o[v]) - o[k];
-  const float hu = d[u] * num - (r.cu - o[u]) * den;
-  const float hv = d[v] * num - (r.cv - o[v]) * den;
-  const float b1 = r.bv * hu - r.bu * hv;
-  const float b2 = r.au * hv - r.av * hu;
-  const float b0 = den - b1 - b2;
-  return {den, num / den, b1 / den, b2 / den, b0 * b1 >= 0 && b1 * b2 >= 0 && b0 * b2 >= 0};
-}
 
 float lesser(float a, float b) { return a < b ? a : b; }
 float greater(float a, float b) { return a > b ? a : b; }
@@ -134,7 +119,7 @@ Block expected(Query query, const VelrIntersectObject& obj, const float* origin,
       }
       float limit = 1.0f;
       auto test = [&](Vel32s t) {
-        const Terms r = terms(obj.pAccel[t], o, d);
+        const RecordTerms r = recordTerms(obj.pAccel[t], o, d);
         if (obj.pAccel[t].axes == 0 || !(r.inside && 1.0f > r.t && r.t > 0)) return false;
         out.occluder()[i] = t;
         out.mask()[i] = -1;
@@ -154,7 +139,7 @@ Block expected(Query query, const VelrIntersectObject& obj, const float* origin,
       auto test = [&](Vel32s t) {
         const VelrTriangleAccel& rec = obj.pAccel[t];
         if (rec.axes == 0) return false;
-        const Terms h = terms(rec, o, d);
+        const RecordTerms h = recordTerms(rec, o, d);
         if (query == Query::kSurface) {
           if (t == r.tri || std::fabs(h.den) < 1.1920928955078125e-06f) return false;
           if (h.inside && r.dist - 0.00001f > h.t && h.t > 0) r = {h.t, h.w1, h.w2, t};
@@ -450,13 +435,13 @@ TEST(IntersectLayers, SurfacesJustLeftAreNotHitAgain) {
     const double u = rng.uniform(0.05, 0.45), v = rng.uniform(0.05, 0.45);
     for (int k = 0; k < 3; ++k)
       d[k] = static_cast<float>(a[k] + u * (b[k] - a[k]) + v * (c[k] - a[k])) - origin[k];
-    const Terms first = terms(recs[0], o, d);
+    const RecordTerms first = recordTerms(recs[0], o, d);
     if (!first.inside || !(first.t > 0)) continue;
     bool again = true;
     float t = first.t;
     for (int pass = 0; pass < 2 && again; ++pass) {
       for (int k = 0; k < 3; ++k) o[k] = o[k] + t * d[k];
-      const Terms next = terms(recs[pass], o, d);
+      const RecordTerms next = recordTerms(recs[pass], o, d);
       again = next.inside && next.t > 0;
       t = next.t;
     }
@@ -509,10 +494,10 @@ TEST(IntersectLayers, TheNinthPassStillSkipsThePreviousLayer) {
                   static_cast<float>(rng.uniform(-0.3, 0.3)), -1.0f};
     float o[3] = {origin[0], origin[1], origin[2]};
     for (int p = 0; p < 8; ++p) {
-      const float t = terms(recs[p], o, d).t;
+      const float t = recordTerms(recs[p], o, d).t;
       for (int k = 0; k < 3; ++k) o[k] = o[k] + t * d[k];
     }
-    const Terms again = terms(recs[7], o, d);
+    const RecordTerms again = recordTerms(recs[7], o, d);
     if (!again.inside || !(again.t > 0)) continue;
     for (int k = 0; k < 3; ++k) in.d(k)[found] = d[k];
     ++found;

@@ -71,6 +71,26 @@ inline TestMesh lattice() {
   return m;
 }
 
+// A ray against one record, written plainly from the intersection formula
+// the records are built for: the plane term, the distance, the weights of
+// vertices A and B, and whether the ray passes through (edges included).
+struct RecordTerms {
+  float den, t, w1, w2;
+  bool inside;
+};
+
+inline RecordTerms recordTerms(const VelrTriangleAccel& r, const float o[3], const float d[3]) {
+  const int k = (r.axes >> 4) & 3, u = (r.axes >> 2) & 3, v = r.axes & 3;
+  const float den = r.nu * d[u] + r.nv * d[v] + d[k];
+  const float num = r.ck + r.nu * (r.cu - o[u]) + r.nv * (r.cv - o[v]) - o[k];
+  const float hu = d[u] * num - (r.cu - o[u]) * den;
+  const float hv = d[v] * num - (r.cv - o[v]) * den;
+  const float b1 = r.bv * hu - r.bu * hv;
+  const float b2 = r.au * hv - r.av * hu;
+  const float b0 = den - b1 - b2;
+  return {den, num / den, b1 / den, b2 / den, b0 * b1 >= 0 && b1 * b2 >= 0 && b0 * b2 >= 0};
+}
+
 inline std::vector<VelrTriangleAccel> records(const TestMesh& m) {
   std::vector<VelrTriangleAccel> r(std::max(1, m.nt()));
   velrTriangleAccelInit(r.data(), m.v.data(), m.idx.data(), m.nt());
