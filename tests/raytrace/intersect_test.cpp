@@ -520,14 +520,17 @@ TEST(IntersectLayers, TheNinthPassStillSkipsThePreviousLayer) {
 // now and then a parallel component or a short limit; origins of shared-
 // origin queries come from `origin`, and shadow rays point at the per-ray
 // origins from there.
+// With `nearlyParallel`, every 29th ray gets one component at or within the
+// parallel limit, of either sign: each query treats those by its own rules.
 void randomRays(Block* b, velr::workloads::SplitMix64& rng, float reach, const float* origin,
-                bool towards) {
+                bool towards, bool nearlyParallel = false) {
+  static constexpr float kTiny[] = {0.0f, -1e-30f, kEps, -kEps, -0.0f, 1e-9f};
   for (int i = 0; i < b->size(); ++i) {
     for (int a = 0; a < 3; ++a) {
       b->o(a)[i] = static_cast<float>(rng.uniform(-reach, reach));
       b->d(a)[i] = towards ? b->o(a)[i] - origin[a] : static_cast<float>(rng.uniform(-1, 1));
     }
-    if (i % 29 == 0) b->d(i % 3)[i] = 0.0f;
+    if (i % 29 == 0) b->d(i % 3)[i] = nearlyParallel ? kTiny[i / 29 % 6] : 0.0f;
     b->dist()[i] = i % 17 == 0 ? static_cast<float>(rng.uniform(0, 2)) : 1e30f;
     b->tri()[i] = static_cast<Vel32s>(rng.next() % 50);
     b->mask()[i] = i % 11 == 0 ? -1 : static_cast<Vel32s>(rng.next() % 5);
@@ -551,7 +554,7 @@ TEST(Intersect, ArbitraryTreesFollowTheDocumentedWalkOnEveryPath) {
     for (float& x : origin) x = static_cast<float>(rng.uniform(-1.5, 1.5));
     for (Query q : {Query::kEye, Query::kSurface, Query::kShadow, Query::kLayers}) {
       Block in(16, 16, 0, kLayers);
-      randomRays(&in, rng, 0.9f, origin, q != Query::kSurface);
+      randomRays(&in, rng, 0.9f, origin, q != Query::kSurface, true);
       Block one(16, 16, 1, kLayers);
       one.copyFrom(in);
       run(q, one, origin, obj, kLayers);
