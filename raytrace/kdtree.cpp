@@ -37,10 +37,10 @@ VelStatus velrKDTreeBuildAlloc(VelrKDTreeNode** ppTree, const Vel32f* pVertexCoo
     // the per-axis searches of large nodes then run one after another in the
     // calling thread. It builds the same tree; it suits callers that build
     // several meshes in threads of their own, or share the machine, where a
-    // team per large node mostly waits for its threads to be scheduled.
+    // team mostly waits for its threads to be scheduled.
     const velr::kd::FullBuildOptions options{
         pOpt->maxDepth, q, static_cast<std::uint64_t>(pOpt->memoryLimitMB) << 20,
-        pOpt->flags != 0};
+        pOpt->flags != 0 ? velr::kd::kNeverTeam : velr::kd::kTeamMinTriangles};
     return velr::kd::buildFull(pVertexCoord, pTrnglIndex, cntVertex, cntTrngl, options, ppTree,
                                pLength, nullptr);
   }

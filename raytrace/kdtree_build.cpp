@@ -35,7 +35,8 @@ constexpr std::int64_t kArea = 16 << 20;
 constexpr std::int64_t kNeedFixed = 0x20000F4;
 constexpr std::int64_t kChunkHeaderBytes = 20;
 
-// Nodes of this many triangles or more search their axes side by side.
+// Nodes of this many triangles or more take the parallel split decision:
+// all axes searched as by a team, and a node thin along two axes stays a leaf.
 constexpr int kParallelMinTriangles = 76;
 // Axes thinner than this are never searched; gains below it never split.
 constexpr float kMinExtent = 0.00001f;
@@ -320,7 +321,7 @@ class Builder {
  public:
   Builder(Memory* mem, const FullBuildOptions& opt, int nT)
       : mem_(mem),
-        inCallingThread_(opt.inCallingThread),
+        teamMinTriangles_(opt.teamMinTriangles),
         maxDepth_(opt.maxDepth),
         f_(static_cast<float>((10.0 - 9.0 * static_cast<double>(opt.quality)) * kQualityScale)),
         nT_(nT),
@@ -342,7 +343,7 @@ class Builder {
   bool reserveListEntries(std::int64_t n);
 
   Memory* mem_;
-  bool inCallingThread_;
+  std::int64_t teamMinTriangles_;
   Vel32u maxDepth_;
   float f_;
   int nT_;
@@ -489,7 +490,7 @@ bool Builder::chooseSplit(const int* lists, int n, const Box& box, Split* out) {
     for (int a = 0; a < 3; ++a)
       if (ext[a] > kMinExtent) axes[k++] = a;
     if (k < 2) return false;
-    if (inCallingThread_) {
+    if (n < teamMinTriangles_) {
       for (int i = 0; i < k; ++i) search(axes[i]);
     } else {
       parallelTeam(k, [&](int i) { search(axes[i]); });

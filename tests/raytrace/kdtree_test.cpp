@@ -301,6 +301,26 @@ TEST(KDTreeBuild, BlockIsTheSameForAnyThreadCountAndPath) {
     VelrKDTreeBuildOptions opt = fullOptions(0.8f, 40);
     opt.flags = 1;
     EXPECT_TRUE(buildTree(m, opt).words == reference.words);
+    // A team for every node of the parallel decision, however small, from
+    // the calling thread and from inside a parallel region.
+    auto everyNodeATeam = [&] {
+      const velr::kd::FullBuildOptions all{.maxDepth = 40, .quality = 0.8f,
+                                           .budgetBytes = 256ull << 20, .teamMinTriangles = 76};
+      VelrKDTreeNode* tree = nullptr;
+      int len = 0;
+      EXPECT_EQ(velr::kd::buildFull(m.v.data(), m.idx.data(), m.nv(), m.nt(), all, &tree, &len,
+                                    nullptr),
+                velStsNoErr);
+      const auto* w = reinterpret_cast<const Vel32u*>(tree);
+      const bool same = std::vector<Vel32u>(w, w + len / 4) == reference.words;
+      velrKDTreeFree(tree);
+      return same;
+    };
+    EXPECT_TRUE(everyNodeATeam());
+    bool nestedSame[2];
+#pragma omp parallel for num_threads(2)
+    for (int i = 0; i < 2; ++i) nestedSame[i] = everyNodeATeam();
+    EXPECT_TRUE(nestedSame[0] && nestedSame[1]);
   }
 }
 

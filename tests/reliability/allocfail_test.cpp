@@ -60,8 +60,9 @@ int sweep(const velr::workloads::Mesh& m, const VelrKDTreeBuildOptions& opt, Vel
 }
 
 TEST(AllocationFailures, EveryAllocationOfTheFullBuildFailsCleanly) {
-  // Enough triangles for large nodes, whose axes are searched by a team.
-  const velr::workloads::Mesh m = velr::workloads::makeBumpySphere(9);
+  // Enough triangles (4500) for the top nodes to search their axes with a
+  // team.
+  const velr::workloads::Mesh m = velr::workloads::makeBumpySphere(15);
   for (int threads : {1, 3}) {
     for (int flags : {0, 1}) {
       velSetNumThreads(threads);
