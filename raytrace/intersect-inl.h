@@ -128,14 +128,14 @@ HWY_INLINE void nearestPackets(const Vel32f* const origin[3], const Vel32f* cons
     const M live = kFromSurface ? clipMultipliedPacket(d, obj->pBound, dist0, &rays, negative)
                                 : clipDividedPacket(d, obj->pBound, dist0, &rays, negative);
     PacketNearest<PacketTag, kFromSurface> q{
-        {d, obj->pAccel, &rays, dist0, hn::Zero(d), hn::Zero(d), hn::Set(di, -1)}};
+        {d, obj->pAccel, &rays, dist0, hn::Zero(d), hn::Zero(d), hn::Set(d, 1.0f), hn::Set(di, -1)}};
     walkGroups(&rays, negative, live, obj->pRootNode, kSplitMargin, q);
     tiles.store(q.triangle, triangle, at);
     const M taken = hn::RebindMask(d, hn::Gt(q.triangle, hn::Set(di, -1)));
     if (hn::AllFalse(d, taken)) return;
     tiles.store(q.dist, dist, at);
-    tiles.storeWhere(taken, q.w1, hit[0], at);
-    tiles.storeWhere(taken, q.w2, hit[1], at);
+    tiles.storeWhere(taken, q.w1(), hit[0], at);
+    tiles.storeWhere(taken, q.w2(), hit[1], at);
   });
 }
 
@@ -208,7 +208,7 @@ inline void IntersectLayerPackets(const Vel32f* origin, const Vel32f* const dir[
       const std::ptrdiff_t layer = at + p * out->layerStep;
       const V limit = p == 0 ? tiles.load(out->dist, layer) : hn::Set(d, kNoLimit);
       PacketLayer<PacketTag> q{
-          {d, obj->pAccel, &rays, limit, hn::Zero(d), hn::Zero(d), hn::Set(di, -1)},
+          {d, obj->pAccel, &rays, limit, hn::Zero(d), hn::Zero(d), hn::Set(d, 1.0f), hn::Set(di, -1)},
           previous,
           ring,
           p % kLayerRing};
@@ -219,8 +219,8 @@ inline void IntersectLayerPackets(const Vel32f* origin, const Vel32f* const dir[
         rays.o[a] = hn::IfThenElse(live, hn::Add(rays.o[a], hn::Mul(q.dist, rays.d[a])), rays.o[a]);
       reached = p >= 1 ? hn::Add(q.dist, reached) : q.dist;
       tiles.storeWhere(live, reached, out->dist, layer);
-      tiles.storeWhere(live, q.w1, out->w1, layer);
-      tiles.storeWhere(live, q.w2, out->w2, layer);
+      tiles.storeWhere(live, q.w1(), out->w1, layer);
+      tiles.storeWhere(live, q.w2(), out->w2, layer);
       tiles.storeWhere(live, q.triangle, out->triangle, layer);
       ring[p % kLayerRing] = hn::IfThenElse(hn::RebindMask(di, live), q.triangle, ring[p % kLayerRing]);
       previous = hn::IfThenElse(hn::RebindMask(di, live), q.triangle, previous);

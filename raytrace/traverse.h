@@ -226,15 +226,18 @@ struct NearestState {
   const VelrTriangleAccel* records;
   const Ray* ray;
   float dist;
-  float w1, w2;
+  TriangleTerms kept;  // of the hit taken last
   Vel32s triangle;
 
+  // A later, nearer hit replaces an earlier one, so the weights are divided
+  // out once, for the hit that is kept (the same quotients as at the take).
   void take(const TriangleTerms& t, float dt, Vel32s n) {
     dist = dt;
-    w1 = t.b1 / t.den;
-    w2 = t.b2 / t.den;
+    kept = t;
     triangle = n;
   }
+  float w1() const { return kept.b1 / kept.den; }
+  float w2() const { return kept.b2 / kept.den; }
   bool testLeaf(const Vel32s* list, int count) {
     for (int i = 0; i < count; ++i) static_cast<Query*>(this)->test(list[i]);
     return false;
@@ -321,12 +324,12 @@ inline void traceNearestRay(const VelrIntersectObject& obj, const Ray& ray, Vel3
   const bool entered = kFromSurface ? clipMultiplied(obj.pBound, ray, *dist, &path)
                                     : clipDivided(obj.pBound, ray, *dist, &path);
   if (!entered) return;
-  Nearest<kFromSurface> q{{obj.pAccel, &ray, *dist, 0.0f, 0.0f, -1}};
+  Nearest<kFromSurface> q{{obj.pAccel, &ray, *dist, {}, -1}};
   traverse(obj.pRootNode, ray, path, kSplitMargin, q);
   if (q.triangle < 0) return;
   *dist = q.dist;
-  *w1 = q.w1;
-  *w2 = q.w2;
+  *w1 = q.w1();
+  *w2 = q.w2();
   *triangle = q.triangle;
 }
 
@@ -363,13 +366,13 @@ inline void traceLayers(const VelrIntersectObject& obj, Ray ray, const LayerPlan
   Vel32s previous = -1;
   for (int p = 0; p < maxHits; ++p) {
     const std::int64_t at = i + p * out.layerStep;
-    LayerHit q{{obj.pAccel, &ray, out.dist[at], 0.0f, 0.0f, -1}, previous, ring, p % kLayerRing};
+    LayerHit q{{obj.pAccel, &ray, out.dist[at], {}, -1}, previous, ring, p % kLayerRing};
     traverse(obj.pRootNode, ray, path, kLayerMargin, q);
     if (q.triangle < 0) return;
     for (int a = 0; a < 3; ++a) ray.o[a] = ray.o[a] + q.dist * ray.d[a];
     out.dist[at] = p >= 1 ? q.dist + out.dist[at - out.layerStep] : q.dist;
-    out.w1[at] = q.w1;
-    out.w2[at] = q.w2;
+    out.w1[at] = q.w1();
+    out.w2[at] = q.w2();
     out.triangle[at] = q.triangle;
     ring[p % kLayerRing] = q.triangle;
     previous = q.triangle;
