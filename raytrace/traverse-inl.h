@@ -99,10 +99,12 @@ HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays
                                hn::Mask<D> live, float margin, Query& q) {
   using V = hn::Vec<D>;
   using M = hn::Mask<D>;
-  const VelrKDTreeNode* stackNode[kd::kStackCapacity];
-  HWY_ALIGN float stackFar[kd::kStackCapacity][kMaxPacket];
-  HWY_ALIGN float stackFarOnly[kd::kStackCapacity][kMaxPacket];
-  HWY_ALIGN float stackBoth[kd::kStackCapacity][kMaxPacket];
+  // One slot more than the capacity: an entry is always written, and kept
+  // only when some lane goes far and the stack has room.
+  const VelrKDTreeNode* stackNode[kd::kStackCapacity + 1];
+  HWY_ALIGN float stackFar[kd::kStackCapacity + 1][kMaxPacket];
+  HWY_ALIGN float stackFarOnly[kd::kStackCapacity + 1][kMaxPacket];
+  HWY_ALIGN float stackBoth[kd::kStackCapacity + 1][kMaxPacket];
   int sp = 0;
   const V vmargin = hn::Set(d, margin);
   V tnear = rays.tnear;
@@ -126,13 +128,11 @@ HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays
         continue;
       }
       const M toFar = hn::Or(farOnly, both);
-      if (!hn::AllFalse(d, toFar) && sp < kd::kStackCapacity) {
-        stackNode[sp] = farChild;
-        hn::Store(tfar, d, stackFar[sp]);
-        hn::Store(hn::VecFromMask(d, farOnly), d, stackFarOnly[sp]);
-        hn::Store(hn::VecFromMask(d, both), d, stackBoth[sp]);
-        ++sp;
-      }
+      stackNode[sp] = farChild;
+      hn::Store(tfar, d, stackFar[sp]);
+      hn::Store(hn::VecFromMask(d, farOnly), d, stackFarOnly[sp]);
+      hn::Store(hn::VecFromMask(d, both), d, stackBoth[sp]);
+      sp += static_cast<int>(!hn::AllFalse(d, toFar)) & static_cast<int>(sp < kd::kStackCapacity);
       tfar = hn::IfThenElse(both, MaxOf(tnear, MinOf(tsplit, tfar)), tfar);
       active = rest;
       node = nearChild;
