@@ -123,19 +123,19 @@ HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays
       const M rest = hn::AndNot(farOnly, active);
       const M nearOnly = hn::And(rest, hn::Gt(hn::Sub(tsplit, tfar), vmargin));
       const M both = hn::AndNot(nearOnly, rest);
-      if (hn::AllFalse(d, rest)) {
-        node = farChild;
-        continue;
-      }
+      // Whether every lane goes far only is hard to predict, so both
+      // outcomes are formed and one is selected without a branch.
+      const bool split = !hn::AllFalse(d, rest);
       const M toFar = hn::Or(farOnly, both);
       stackNode[sp] = farChild;
       hn::Store(tfar, d, stackFar[sp]);
       hn::Store(hn::VecFromMask(d, farOnly), d, stackFarOnly[sp]);
       hn::Store(hn::VecFromMask(d, both), d, stackBoth[sp]);
-      sp += static_cast<int>(!hn::AllFalse(d, toFar)) & static_cast<int>(sp < kd::kStackCapacity);
+      sp += static_cast<int>(split) & static_cast<int>(!hn::AllFalse(d, toFar)) &
+            static_cast<int>(sp < kd::kStackCapacity);
       tfar = hn::IfThenElse(both, MaxOf(tnear, MinOf(tsplit, tfar)), tfar);
-      active = rest;
-      node = nearChild;
+      active = split ? rest : active;
+      node = split ? nearChild : farChild;
     }
 
     Vel32s scratch[3];
