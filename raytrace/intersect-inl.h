@@ -34,12 +34,7 @@ class Tiles {
   using DI = hn::RebindToSigned<D>;
   using VI = hn::Vec<DI>;
 
-  Tiles(int width, int height) : width_(width), height_(height) {
-    const int lanes = static_cast<int>(hn::Lanes(D()));
-    w_ = 1;
-    while (w_ * w_ < lanes && w_ < 4) w_ *= 2;
-    h_ = lanes / w_;
-  }
+  Tiles(int width, int height) : width_(width), height_(height) {}
 
   // Calls fn(at) with the offset of each tile's first ray, tiles row by row.
   template <class Fn>
@@ -89,7 +84,11 @@ class Tiles {
       for (int x = 0; x < w_; ++x) plane[at + y * width_ + x] = buf[y * w_ + x];
   }
 
-  int width_, height_, w_, h_;
+  // The tile shape is fixed per target, so the copies unroll.
+  static constexpr int kLanes = static_cast<int>(HWY_MAX(hn::MaxLanes(D()), 1));
+  static constexpr int w_ = kLanes >= 8 ? 4 : kLanes >= 2 ? 2 : 1;
+  static constexpr int h_ = kLanes / w_;
+  int width_, height_;
 };
 
 // Walks the packet once per sign group of its live lanes.

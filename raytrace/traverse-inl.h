@@ -24,6 +24,8 @@
 
 #include <hwy/highway.h>
 
+#include <bit>
+
 #include "raytrace/kdtree_format.h"
 #include "raytrace/traverse.h"
 
@@ -69,20 +71,29 @@ struct PacketRays {
   V tnear, tfar;
 };
 
+// The lanes of a mask as the bits of a number, lane 0 in bit 0.
+template <class D>
+HWY_INLINE Vel32u maskBits(D d, hn::Mask<D> m) {
+  uint8_t bytes[8] = {};
+  hn::StoreMaskBits(d, m, bytes);
+  return static_cast<Vel32u>(bytes[0]) | static_cast<Vel32u>(bytes[1]) << 8;
+}
+
 // Rays share a walk only when their direction signs agree on every axis.
 // Calls fn(sign, group) once for each sign pattern among the live lanes,
 // with the lanes of that pattern; a coherent packet is one group.
 template <class D, class Fn>
 HWY_INLINE void forEachSignGroup(D d, const hn::Mask<D> negative[3], hn::Mask<D> live, Fn&& fn) {
   using M = hn::Mask<D>;
+  // The signs of the first live lane, read from the masks' bits.
+  Vel32u negativeBits[3];
+  for (int a = 0; a < 3; ++a) negativeBits[a] = maskBits(d, negative[a]);
   while (!hn::AllFalse(d, live)) {
-    const size_t first = static_cast<size_t>(hn::FindFirstTrue(d, live));
-    HWY_ALIGN float lanes[kMaxPacket];
+    const int first = std::countr_zero(maskBits(d, live));
     M group = live;
     int sign[3];
     for (int a = 0; a < 3; ++a) {
-      hn::Store(hn::VecFromMask(d, negative[a]), d, lanes);
-      sign[a] = lanes[first] != 0.0f ? 1 : 0;
+      sign[a] = static_cast<int>((negativeBits[a] >> first) & 1u);
       group = hn::And(group, sign[a] ? negative[a] : hn::Not(negative[a]));
     }
     fn(sign, group);
