@@ -107,7 +107,10 @@ HWY_INLINE void forEachSignGroup(D d, const hn::Mask<D> negative[3], hn::Mask<D>
 //   V limit() -- a leaf whose exit lies at or beyond it ends a lane.
 template <class D, class Query>
 HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays<D>& rays,
-                               hn::Mask<D> live, float margin, Query& q) {
+                               hn::Mask<D> live, float margin, Query& result) {
+  // The query's state is worked on in a local copy, which the compiler can
+  // keep in registers for the whole walk.
+  Query q = result;
   using V = hn::Vec<D>;
   using M = hn::Mask<D>;
   // One slot more than the capacity: an entry is always written, and kept
@@ -166,7 +169,10 @@ HWY_INLINE void traversePacket(D d, const VelrKDTreeNode* root, const PacketRays
 
     // Pop to the next entry that still has a live lane.
     for (;;) {
-      if (sp == 0) return;
+      if (sp == 0) {
+        result = q;
+        return;
+      }
       --sp;
       const M farOnlyLanes = hn::MaskFromVec(hn::Load(d, stackFarOnly[sp]));
       const M bothLanes = hn::And(hn::MaskFromVec(hn::Load(d, stackBoth[sp])), live);
