@@ -94,14 +94,18 @@ void checkOneLeaf(const VelrKDTreeNode* tree, int length, int nTri) {
   for (int i = 0; i < nTri; ++i) FUZZ_CHECK(w[4 + i] == i, "one-leaf list");
 }
 
-// Whether a ray runs parallel to an axis exactly in the plane where a
-// triangle ends along that axis. Such a ray touches the triangle only on its
-// boundary, in a plane that may also be a split plane: the walk then follows
-// one side, and a triangle that ends at the plane is stored on the other
-// (the builder counts a triangle ending exactly at a split on the lower side
-// only, one starting there on the upper side only), so the tree may miss a
-// grazing hit that the flat list finds.
-bool grazesInPlane(const float o[3], const float d[3], const float* verts, const int* tri) {
+// Whether a ray runs parallel to an axis in, or next to, the plane where a
+// triangle ends along that axis, and meets it at distance t. The walk gives
+// a parallel axis a large inverse, so a split plane at offset e from the
+// origin counts as crossed at e times that inverse: with the narrow inverse
+// (83886.078125) and the 0.00001 margin, a ray within (t + 1) * 1.2e-5 of
+// the plane may be sent to either side. A triangle that ends at a split is
+// stored on one side only (the builder counts a triangle ending exactly at a
+// split on the lower side only, one starting there on the upper side only),
+// so the tree may miss a hit on the boundary that the flat list finds.
+bool grazesInPlane(const float o[3], const float d[3], float t, const float* verts,
+                   const int* tri) {
+  const double near = (std::fabs(static_cast<double>(t)) + 1.0) * 1.2e-5;
   for (int a = 0; a < 3; ++a) {
     if (!(std::fabs(d[a]) <= 1.1920928955078125e-07f)) continue;
     float lo = INFINITY, hi = -INFINITY;
@@ -109,7 +113,9 @@ bool grazesInPlane(const float o[3], const float d[3], const float* verts, const
       lo = std::fmin(lo, verts[3 * tri[k] + a]);
       hi = std::fmax(hi, verts[3 * tri[k] + a]);
     }
-    if (o[a] == lo || o[a] == hi) return true;
+    if (std::fabs(static_cast<double>(o[a]) - lo) <= near ||
+        std::fabs(static_cast<double>(o[a]) - hi) <= near)
+      return true;
   }
   return false;
 }
@@ -137,11 +143,32 @@ bool outsideBox(const float o[3], const float d[3], float t, const float* verts,
   return false;
 }
 
-// Whether every triangle that blocks the segment (0, 1) of a ray does so
-// only outside its bounding box (see outsideBox): each triangle is traced
-// alone, with nothing clipped away.
-bool onlyOutsideBlockers(const float o[3], const float d[3], const float* verts, const int* idx,
-                         const VelrTriangleAccel* records, int nTri) {
+// Prints what reproduces a disagreement: the ray, the mesh, the tree's words.
+void dumpCase(const float o[3], const float d[3], float reach, const float* verts, const int* idx,
+              int nTri, const VelrKDTreeNode* tree, int treeBytes, const float box[6]) {
+  std::fprintf(stderr, "  origin (%a %a %a) direction (%a %a %a) reach %a\n", o[0], o[1], o[2],
+               d[0], d[1], d[2], reach);
+  for (int t = 0; t < nTri; ++t) {
+    std::fprintf(stderr, "  triangle %d:", t);
+    for (int k = 0; k < 3; ++k)
+      std::fprintf(stderr, " (%a %a %a)", verts[3 * idx[4 * t + k]], verts[3 * idx[4 * t + k] + 1],
+                   verts[3 * idx[4 * t + k] + 2]);
+    std::fprintf(stderr, "\n");
+  }
+  const auto* w = reinterpret_cast<const uint32_t*>(tree);
+  std::fprintf(stderr, "  tree words:");
+  for (int k = 0; k < treeBytes / 4; ++k) std::fprintf(stderr, " %08x", w[k]);
+  std::fprintf(stderr, "\n  box %a %a %a %a %a %a\n", box[0], box[1], box[2], box[3], box[4],
+               box[5]);
+}
+
+// Whether every triangle that blocks the segment (0, 1) of a ray is one that
+// a KD-tree walk may legitimately pass by: a blocker within rounding of the
+// segment's end, one hit outside its box (see outsideBox), or one that a ray
+// in an axis plane grazes (see grazesInPlane). Each triangle is traced alone,
+// with nothing clipped away.
+bool onlyDoubtfulBlockers(const float o[3], const float d[3], const float* verts, const int* idx,
+                          const VelrTriangleAccel* records, int nTri) {
   static const float kEverywhere[6] = {-INFINITY, -INFINITY, -INFINITY,
                                        INFINITY,  INFINITY,  INFINITY};
   const float* dir[3] = {&d[0], &d[1], &d[2]};
@@ -153,7 +180,10 @@ bool onlyOutsideBlockers(const float o[3], const float d[3], const float* verts,
     float* hit[2] = {&w1, &w2};
     Vel32s tri = -1;
     velrIntersectEyeSO_32f(o, dir, &dist, hit, &tri, &one, 1, 1);
-    if (tri >= 0 && !outsideBox(o, d, dist, verts, idx + 4 * t)) return false;
+    if (tri < 0 || std::fabs(dist - 1.0f) <= 2e-5f) continue;
+    const int* corners = idx + 4 * t;
+    if (!outsideBox(o, d, dist, verts, corners) && !grazesInPlane(o, d, dist, verts, corners))
+      return false;
   }
   return true;
 }
@@ -220,7 +250,9 @@ void compareQueries(Input& in, const float* verts, int nVert, const int* idx, in
                            many ? o[2][r] : eye[2]};
       const float rd[3] = {d[0][r], d[1][r], d[2][r]};
       const int flatHit = b.tri[r] >= 0 ? b.tri[r] : a.tri[r];
-      if (!same && !tie && flatHit >= 0 && grazesInPlane(ro, rd, verts, idx + 4 * flatHit))
+      const float flatDist = b.tri[r] >= 0 ? b.dist[r] : a.dist[r];
+      if (!same && !tie && flatHit >= 0 &&
+          grazesInPlane(ro, rd, flatDist, verts, idx + 4 * flatHit))
         continue;
       if (!same && !tie && b.tri[r] >= 0 &&
           outsideBox(ro, rd, b.dist[r], verts, idx + 4 * b.tri[r]))
@@ -228,21 +260,7 @@ void compareQueries(Input& in, const float* verts, int nVert, const int* idx, in
       if (!same && !tie) {
         std::fprintf(stderr, "%s ray %d: tree %d at %a, one leaf %d at %a\n",
                      many ? "many-origin" : "eye", r, a.tri[r], a.dist[r], b.tri[r], b.dist[r]);
-        std::fprintf(stderr, "  origin (%a %a %a) direction (%a %a %a) reach %a\n",
-                     many ? o[0][r] : eye[0], many ? o[1][r] : eye[1], many ? o[2][r] : eye[2],
-                     d[0][r], d[1][r], d[2][r], reach);
-        for (int t = 0; t < nTri; ++t) {
-          std::fprintf(stderr, "  triangle %d:", t);
-          for (int k = 0; k < 3; ++k)
-            std::fprintf(stderr, " (%a %a %a)", verts[3 * idx[4 * t + k]],
-                         verts[3 * idx[4 * t + k] + 1], verts[3 * idx[4 * t + k] + 2]);
-          std::fprintf(stderr, "\n");
-        }
-        const auto* w = reinterpret_cast<const uint32_t*>(full);
-        std::fprintf(stderr, "  tree words:");
-        for (int k = 0; k < treeBytes / 4; ++k) std::fprintf(stderr, " %08x", w[k]);
-        std::fprintf(stderr, "\n  box %a %a %a %a %a %a\n", box[0], box[1], box[2], box[3],
-                     box[4], box[5]);
+        dumpCase(ro, rd, reach, verts, idx, nTri, full, treeBytes, box);
         fuzz::fail("nearest hit of the tree and of the one-leaf tree", __FILE__, __LINE__);
       }
     }
@@ -265,28 +283,27 @@ void compareQueries(Input& in, const float* verts, int nVert, const int* idx, in
   };
   const std::vector<int> viaTree = blocked(full), viaList = blocked(flat);
   if (viaTree == viaList) return;
-  // A blocker within rounding of the segment's end may be found by one walk
-  // and not the other (see the nearest hits above). So may any blocker of a
-  // ray with a component in [-epsilon, 0): the shadow walk takes that axis's
-  // sign from the component (upper child first) but gives it the positive
-  // parallel inverse, so it may leave the side the ray stays on. So may a
-  // ray whose every blocker lies outside the blocker's box. Any other
-  // difference is a fault.
+  // Blockers within rounding of the segment's end, hit outside their boxes or
+  // grazed in an axis plane may be found by one walk and not the other (see
+  // the nearest hits above); a ray blocked only by such triangles may differ.
+  // So may any ray with a component in [-epsilon, 0): the shadow walk takes
+  // that axis's sign from the component (upper child first) but gives it the
+  // positive parallel inverse, so it may leave the side the ray stays on. Any
+  // other difference is a fault.
   Result end{std::vector<float>(n, 2.0f), std::vector<float>(n), std::vector<float>(n),
              std::vector<int>(n)};
   float* hit[2] = {end.u.data(), end.v.data()};
   const VelrIntersectObject obj{box, records.data(), flat};
   velrIntersectEyeSO_32f(eye, s3, end.dist.data(), hit, end.tri.data(), &obj, width, height);
   for (int r = 0; r < n; ++r) {
-    if (viaTree[r] == viaList[r] || std::fabs(end.dist[r] - 1.0f) <= 2e-5f) continue;
+    if (viaTree[r] == viaList[r]) continue;
     const float rd[3] = {s3[0][r], s3[1][r], s3[2][r]};
     bool misSigned = false;
     for (float c : rd) misSigned |= c < 0.0f && c >= -1.1920928955078125e-07f;
-    if (misSigned) continue;
-    if (end.tri[r] >= 0 && grazesInPlane(eye, rd, verts, idx + 4 * end.tri[r])) continue;
-    if (onlyOutsideBlockers(eye, rd, verts, idx, records.data(), nTri)) continue;
+    if (misSigned || onlyDoubtfulBlockers(eye, rd, verts, idx, records.data(), nTri)) continue;
     std::fprintf(stderr, "shadow ray %d: tree %d, one leaf %d, nearest blocker %d at %a\n", r,
                  viaTree[r], viaList[r], end.tri[r], end.dist[r]);
+    dumpCase(eye, rd, 1.0f, verts, idx, nTri, full, treeBytes, box);
     fuzz::fail("any-hit answers of the tree and the one-leaf tree", __FILE__, __LINE__);
   }
 }
