@@ -94,6 +94,16 @@ void checkOneLeaf(const VelrKDTreeNode* tree, int length, int nTri) {
   for (int i = 0; i < nTri; ++i) FUZZ_CHECK(w[4 + i] == i, "one-leaf list");
 }
 
+// The extent of a triangle along axis a.
+void boundsAlong(const float* verts, const int* tri, int a, float* lo, float* hi) {
+  *lo = INFINITY;
+  *hi = -INFINITY;
+  for (int k = 0; k < 3; ++k) {
+    *lo = std::fmin(*lo, verts[3 * tri[k] + a]);
+    *hi = std::fmax(*hi, verts[3 * tri[k] + a]);
+  }
+}
+
 // Whether a ray runs parallel to an axis in, or next to, the plane where a
 // triangle ends along that axis, and meets it at distance t. The walk gives
 // a parallel axis a large inverse, so a split plane at offset e from the
@@ -108,11 +118,8 @@ bool grazesInPlane(const float o[3], const float d[3], float t, const float* ver
   const double near = (std::fabs(static_cast<double>(t)) + 1.0) * 1.2e-5;
   for (int a = 0; a < 3; ++a) {
     if (!(std::fabs(d[a]) <= 1.1920928955078125e-07f)) continue;
-    float lo = INFINITY, hi = -INFINITY;
-    for (int k = 0; k < 3; ++k) {
-      lo = std::fmin(lo, verts[3 * tri[k] + a]);
-      hi = std::fmax(hi, verts[3 * tri[k] + a]);
-    }
+    float lo, hi;
+    boundsAlong(verts, tri, a, &lo, &hi);
     if (std::fabs(static_cast<double>(o[a]) - lo) <= near ||
         std::fabs(static_cast<double>(o[a]) - hi) <= near)
       return true;
@@ -128,11 +135,8 @@ bool grazesInPlane(const float o[3], const float d[3], float t, const float* ver
 // boxes overlap the cells the ray crosses, so it need not meet it.
 bool outsideBox(const float o[3], const float d[3], float t, const float* verts, const int* tri) {
   for (int a = 0; a < 3; ++a) {
-    double lo = INFINITY, hi = -INFINITY;
-    for (int k = 0; k < 3; ++k) {
-      lo = std::fmin(lo, verts[3 * tri[k] + a]);
-      hi = std::fmax(hi, verts[3 * tri[k] + a]);
-    }
+    float lo, hi;
+    boundsAlong(verts, tri, a, &lo, &hi);
     const double step = static_cast<double>(t) * d[a];
     const double p = o[a] + step;
     // A true hit's point, from a distance rounded to float, is off by far
@@ -246,23 +250,18 @@ void compareQueries(Input& in, const float* verts, int nVert, const int* idx, in
       const bool same = a.tri[r] == b.tri[r] && std::memcmp(&a.dist[r], &b.dist[r], 4) == 0;
       const bool tie = std::fabs(a.dist[r] - b.dist[r]) <=
                        2e-5f * std::fmax(1.0f, std::fabs(b.dist[r]));
+      if (same || tie) continue;
       const float ro[3] = {many ? o[0][r] : eye[0], many ? o[1][r] : eye[1],
                            many ? o[2][r] : eye[2]};
       const float rd[3] = {d[0][r], d[1][r], d[2][r]};
       const int flatHit = b.tri[r] >= 0 ? b.tri[r] : a.tri[r];
       const float flatDist = b.tri[r] >= 0 ? b.dist[r] : a.dist[r];
-      if (!same && !tie && flatHit >= 0 &&
-          grazesInPlane(ro, rd, flatDist, verts, idx + 4 * flatHit))
-        continue;
-      if (!same && !tie && b.tri[r] >= 0 &&
-          outsideBox(ro, rd, b.dist[r], verts, idx + 4 * b.tri[r]))
-        continue;
-      if (!same && !tie) {
-        std::fprintf(stderr, "%s ray %d: tree %d at %a, one leaf %d at %a\n",
-                     many ? "many-origin" : "eye", r, a.tri[r], a.dist[r], b.tri[r], b.dist[r]);
-        dumpCase(ro, rd, reach, verts, idx, nTri, full, treeBytes, box);
-        fuzz::fail("nearest hit of the tree and of the one-leaf tree", __FILE__, __LINE__);
-      }
+      if (flatHit >= 0 && grazesInPlane(ro, rd, flatDist, verts, idx + 4 * flatHit)) continue;
+      if (b.tri[r] >= 0 && outsideBox(ro, rd, b.dist[r], verts, idx + 4 * b.tri[r])) continue;
+      std::fprintf(stderr, "%s ray %d: tree %d at %a, one leaf %d at %a\n",
+                   many ? "many-origin" : "eye", r, a.tri[r], a.dist[r], b.tri[r], b.dist[r]);
+      dumpCase(ro, rd, reach, verts, idx, nTri, full, treeBytes, box);
+      fuzz::fail("nearest hit of the tree and of the one-leaf tree", __FILE__, __LINE__);
     }
   }
   // Shadow rays: whether a blocker exists between origin and tip.
